@@ -1,0 +1,4 @@
+#ifndef INITGUID
+#define INITGUID
+#endif
+#include <guiddef.h>

@@ -1,0 +1,4 @@
+// The driver kit's main header.
+#pragma once
+#define _NTDDK_
+#include <wdm.h>

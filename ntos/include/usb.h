@@ -1,0 +1,212 @@
+// USB request blocks.
+#pragma once
+
+#include <ntddk.h>
+#include <usbspec.h>
+
+#define URB_FUNCTION_SELECT_CONFIGURATION 0x0000
+#define URB_FUNCTION_SELECT_INTERFACE 0x0001
+#define URB_FUNCTION_ABORT_PIPE 0x0002
+#define URB_FUNCTION_CONTROL_TRANSFER 0x0008
+#define URB_FUNCTION_BULK_OR_INTERRUPT_TRANSFER 0x0009
+#define URB_FUNCTION_ISOCH_TRANSFER 0x000a
+#define URB_FUNCTION_GET_DESCRIPTOR_FROM_DEVICE 0x000b
+#define URB_FUNCTION_VENDOR_DEVICE 0x0017
+#define URB_FUNCTION_VENDOR_INTERFACE 0x0018
+#define URB_FUNCTION_VENDOR_ENDPOINT 0x0019
+#define URB_FUNCTION_CLASS_DEVICE 0x001a
+#define URB_FUNCTION_CLASS_INTERFACE 0x001b
+#define URB_FUNCTION_SYNC_RESET_PIPE_AND_CLEAR_STALL 0x001e
+#define URB_FUNCTION_RESET_PIPE URB_FUNCTION_SYNC_RESET_PIPE_AND_CLEAR_STALL
+#define URB_FUNCTION_SYNC_RESET_PIPE 0x0030
+#define URB_FUNCTION_SYNC_CLEAR_STALL 0x0031
+
+#define USBD_TRANSFER_DIRECTION 0x00000001
+#define USBD_SHORT_TRANSFER_OK 0x00000002
+#define USBD_DEFAULT_PIPE_TRANSFER 0x00000008
+#define USBD_TRANSFER_DIRECTION_FLAG(flags) ((flags) & USBD_TRANSFER_DIRECTION)
+#define USBD_TRANSFER_DIRECTION_OUT 0
+#define USBD_TRANSFER_DIRECTION_IN 1
+
+typedef LONG USBD_STATUS;
+
+#define USBD_SUCCESS(Status) ((USBD_STATUS) (Status) >= 0)
+#define USBD_PENDING(Status) ((ULONG) (Status) >> 30 == 1)
+#define USBD_ERROR(Status) ((USBD_STATUS) (Status) < 0)
+#define USBD_STATUS_SUCCESS ((USBD_STATUS) 0x00000000)
+#define USBD_STATUS_PENDING ((USBD_STATUS) 0x40000000)
+#define USBD_STATUS_CRC ((USBD_STATUS) 0xc0000001)
+#define USBD_STATUS_STALL_PID ((USBD_STATUS) 0xc0000004)
+#define USBD_STATUS_DEV_NOT_RESPONDING ((USBD_STATUS) 0xc0000005)
+#define USBD_STATUS_DATA_OVERRUN ((USBD_STATUS) 0xc0000008)
+#define USBD_STATUS_DATA_UNDERRUN ((USBD_STATUS) 0xc0000009)
+#define USBD_STATUS_BUFFER_OVERRUN ((USBD_STATUS) 0xc000000c)
+#define USBD_STATUS_XACT_ERROR ((USBD_STATUS) 0xc0000011)
+#define USBD_STATUS_BABBLE_DETECTED ((USBD_STATUS) 0xc0000012)
+#define USBD_STATUS_ENDPOINT_HALTED ((USBD_STATUS) 0xc0000030)
+#define USBD_STATUS_INVALID_URB_FUNCTION ((USBD_STATUS) 0x80000200)
+#define USBD_STATUS_INVALID_PARAMETER ((USBD_STATUS) 0x80000300)
+#define USBD_STATUS_ERROR_BUSY ((USBD_STATUS) 0x80000400)
+#define USBD_STATUS_INVALID_PIPE_HANDLE ((USBD_STATUS) 0x80000600)
+#define USBD_STATUS_INTERNAL_HC_ERROR ((USBD_STATUS) 0x80000800)
+#define USBD_STATUS_ERROR_SHORT_TRANSFER ((USBD_STATUS) 0x80000900)
+#define USBD_STATUS_NOT_SUPPORTED ((USBD_STATUS) 0xc0000e00)
+#define USBD_STATUS_INAVLID_CONFIGURATION_DESCRIPTOR ((USBD_STATUS) 0xc0000f00)
+#define USBD_STATUS_INSUFFICIENT_RESOURCES ((USBD_STATUS) 0xc0001000)
+#define USBD_STATUS_SET_CONFIG_FAILED ((USBD_STATUS) 0xc0002000)
+#define USBD_STATUS_BUFFER_TOO_SMALL ((USBD_STATUS) 0xc0003000)
+#define USBD_STATUS_INTERFACE_NOT_FOUND ((USBD_STATUS) 0xc0004000)
+#define USBD_STATUS_TIMEOUT ((USBD_STATUS) 0xc0006000)
+#define USBD_STATUS_DEVICE_GONE ((USBD_STATUS) 0xc0007000)
+#define USBD_STATUS_CANCELED ((USBD_STATUS) 0xc0010000)
+#define USBD_STATUS_BAD_DESCRIPTOR ((USBD_STATUS) 0xc0100000)
+#define USBD_STATUS_BAD_DESCRIPTOR_BLEN ((USBD_STATUS) 0xc0100001)
+#define USBD_STATUS_BAD_DESCRIPTOR_TYPE ((USBD_STATUS) 0xc0100002)
+#define USBD_STATUS_BAD_CONFIG_DESC_LENGTH ((USBD_STATUS) 0xc0100006)
+#define USBD_STATUS_BAD_ENDPOINT_ADDRESS ((USBD_STATUS) 0xc0100009)
+
+typedef PVOID USBD_PIPE_HANDLE;
+typedef PVOID USBD_CONFIGURATION_HANDLE;
+typedef PVOID USBD_INTERFACE_HANDLE;
+
+#define USBD_DEFAULT_MAXIMUM_TRANSFER_SIZE 0xffffffff
+
+typedef enum _USBD_PIPE_TYPE {
+    UsbdPipeTypeControl,
+    UsbdPipeTypeIsochronous,
+    UsbdPipeTypeBulk,
+    UsbdPipeTypeInterrupt
+} USBD_PIPE_TYPE;
+
+#define USBD_PIPE_DIRECTION_IN(pipeInformation) ((pipeInformation)->EndpointAddress & USB_ENDPOINT_DIRECTION_MASK)
+
+typedef struct _USBD_PIPE_INFORMATION {
+    USHORT MaximumPacketSize;
+    UCHAR EndpointAddress;
+    UCHAR Interval;
+    USBD_PIPE_TYPE PipeType;
+    USBD_PIPE_HANDLE PipeHandle;
+    ULONG MaximumTransferSize;
+    ULONG PipeFlags;
+} USBD_PIPE_INFORMATION, *PUSBD_PIPE_INFORMATION;
+
+typedef struct _USBD_INTERFACE_INFORMATION {
+    USHORT Length;
+    UCHAR InterfaceNumber;
+    UCHAR AlternateSetting;
+    UCHAR Class;
+    UCHAR SubClass;
+    UCHAR Protocol;
+    UCHAR Reserved;
+    USBD_INTERFACE_HANDLE InterfaceHandle;
+    ULONG NumberOfPipes;
+    USBD_PIPE_INFORMATION Pipes[1];
+} USBD_INTERFACE_INFORMATION, *PUSBD_INTERFACE_INFORMATION;
+
+struct _URB_HCD_AREA {
+    PVOID Reserved8[8];
+};
+
+struct _URB_HEADER {
+    USHORT Length;
+    USHORT Function;
+    USBD_STATUS Status;
+    PVOID UsbdDeviceHandle;
+    ULONG UsbdFlags;
+};
+
+struct _URB_SELECT_INTERFACE {
+    struct _URB_HEADER Hdr;
+    USBD_CONFIGURATION_HANDLE ConfigurationHandle;
+    USBD_INTERFACE_INFORMATION Interface;
+};
+
+struct _URB_SELECT_CONFIGURATION {
+    struct _URB_HEADER Hdr;
+    PUSB_CONFIGURATION_DESCRIPTOR ConfigurationDescriptor;
+    USBD_CONFIGURATION_HANDLE ConfigurationHandle;
+    USBD_INTERFACE_INFORMATION Interface;
+};
+
+struct _URB_PIPE_REQUEST {
+    struct _URB_HEADER Hdr;
+    USBD_PIPE_HANDLE PipeHandle;
+    ULONG Reserved;
+};
+
+struct _URB_CONTROL_DESCRIPTOR_REQUEST {
+    struct _URB_HEADER Hdr;
+    PVOID Reserved;
+    ULONG Reserved0;
+    ULONG TransferBufferLength;
+    PVOID TransferBuffer;
+    PMDL TransferBufferMDL;
+    struct _URB *UrbLink;
+    struct _URB_HCD_AREA hca;
+    USHORT Reserved1;
+    UCHAR Index;
+    UCHAR DescriptorType;
+    USHORT LanguageId;
+    USHORT Reserved2;
+};
+
+struct _URB_CONTROL_VENDOR_OR_CLASS_REQUEST {
+    struct _URB_HEADER Hdr;
+    PVOID Reserved;
+    ULONG TransferFlags;
+    ULONG TransferBufferLength;
+    PVOID TransferBuffer;
+    PMDL TransferBufferMDL;
+    struct _URB *UrbLink;
+    struct _URB_HCD_AREA hca;
+    UCHAR RequestTypeReservedBits;
+    UCHAR Request;
+    USHORT Value;
+    USHORT Index;
+    USHORT Reserved1;
+};
+
+struct _URB_CONTROL_TRANSFER {
+    struct _URB_HEADER Hdr;
+    USBD_PIPE_HANDLE PipeHandle;
+    ULONG TransferFlags;
+    ULONG TransferBufferLength;
+    PVOID TransferBuffer;
+    PMDL TransferBufferMDL;
+    struct _URB *UrbLink;
+    struct _URB_HCD_AREA hca;
+    UCHAR SetupPacket[8];
+};
+
+struct _URB_BULK_OR_INTERRUPT_TRANSFER {
+    struct _URB_HEADER Hdr;
+    USBD_PIPE_HANDLE PipeHandle;
+    ULONG TransferFlags;
+    ULONG TransferBufferLength;
+    PVOID TransferBuffer;
+    PMDL TransferBufferMDL;
+    struct _URB *UrbLink;
+    struct _URB_HCD_AREA hca;
+};
+
+typedef struct _URB {
+    union {
+        struct _URB_HEADER UrbHeader;
+        struct _URB_SELECT_INTERFACE UrbSelectInterface;
+        struct _URB_SELECT_CONFIGURATION UrbSelectConfiguration;
+        struct _URB_PIPE_REQUEST UrbPipeRequest;
+        struct _URB_CONTROL_TRANSFER UrbControlTransfer;
+        struct _URB_BULK_OR_INTERRUPT_TRANSFER UrbBulkOrInterruptTransfer;
+        struct _URB_CONTROL_DESCRIPTOR_REQUEST UrbControlDescriptorRequest;
+        struct _URB_CONTROL_VENDOR_OR_CLASS_REQUEST UrbControlVendorClassRequest;
+    };
+} URB, *PURB;
+
+static_assert(sizeof(struct _URB_HEADER) == 24);
+static_assert(sizeof(struct _URB_PIPE_REQUEST) == 40);
+static_assert(sizeof(struct _URB_BULK_OR_INTERRUPT_TRANSFER) == 128);
+static_assert(sizeof(struct _URB_CONTROL_VENDOR_OR_CLASS_REQUEST) == 136);
+static_assert(sizeof(struct _URB_CONTROL_DESCRIPTOR_REQUEST) == 136);
+static_assert(sizeof(USBD_PIPE_INFORMATION) == 32 - 8 && sizeof(USBD_INTERFACE_INFORMATION) == 48);
+
+#define URB_FROM_IRP(Irp) ((IoGetCurrentIrpStackLocation(Irp))->Parameters.Others.Argument1)
