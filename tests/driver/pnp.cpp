@@ -1,0 +1,191 @@
+// Arrival and departure: identities, names, refusals, and what is left behind.
+#include "fixture.h"
+
+#include <thread>
+
+using namespace rig;
+
+namespace {
+
+using ntos::DeviceState;
+
+constexpr std::uint8_t kQueryRemove = 1, kCancelRemove = 3, kQueryStop = 5, kCancelStop = 6;
+constexpr const char *kShutdown = "  pnp/PnpShutdownDevice: start \n";
+
+class Pnp : public DriverTest {
+protected:
+    void expectNothingLeft()
+    {
+        EXPECT_TRUE(rig.ids().empty());
+        EXPECT_TRUE(vqt::Camera::listInterfaces().empty());
+        EXPECT_FALSE(rig.machine.symbolicLink("QorinInfer01r00"));
+        EXPECT_FALSE(rig.machine.deviceNameExists("\\Device\\UsbVQTR42X0"));
+        EXPECT_EQ(rig.machine.pool("42QV").blocks, 0u);
+    }
+    Bytes frame = Bytes(kFrameHeaderSize + 1280 * 1024);
+};
+
+TEST_F(Pnp, ThirtySixIdentities)
+{
+    const std::string all = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ";
+    std::vector<Camera> cameras;
+    for (unsigned number = 0; number < all.size(); ++number) {
+        cameras.push_back(rig.plug(model(1)));
+        ASSERT_EQ(cameras.back().id, all[number]);
+        ASSERT_EQ(cameras.back().device.state(), DeviceState::started);
+        const std::string device = std::string("\\Device\\UsbVQTR42X") + all[number];
+        EXPECT_EQ(rig.machine.symbolicLink(std::string("UsbVQTR42Xx_") + all[number]), device);
+        EXPECT_EQ(rig.machine.symbolicLink(std::string("QorinInfer01r0") + all[number]), device);
+    }
+    EXPECT_EQ(vqt::Camera::listInterfaces(), std::vector<char>(all.begin(), all.end()));
+    // The 37th is refused and leaves nothing.
+    const ntos::Counters before = rig.machine.counters();
+    const std::uint64_t blocks = rig.machine.pool("42QV").blocks;
+    const std::uint64_t mark = rig.mark();
+    const Camera refused = rig.plug(model(1));
+    EXPECT_EQ(refused.device.addStatus(), st::nameCollision);
+    EXPECT_TRUE(rig.said("E pnp/USBCAM_AddDevice: Can not found DeviceID, return C0000035h \n", mark));
+    const ntos::Counters after = rig.machine.counters();
+    EXPECT_EQ(after.symbolicLinks, before.symbolicLinks);
+    EXPECT_EQ(after.interfaces, before.interfaces);
+    EXPECT_EQ(after.devices, before.devices + 1); // the bus's own
+    EXPECT_EQ(rig.machine.pool("42QV").blocks, blocks);
+    rig.unplug(refused);
+
+    // The lowest one that was given back is the next one to be given.
+    for (const unsigned gone : {30u, 11u, 3u})
+        rig.unplug(cameras[gone]);
+    for (const char next : {'3', 'B', 'U'})
+        EXPECT_EQ(rig.plug(model(1)).id, next);
+    // Each name reaches its own camera.
+    for (const auto open : {&vqt::Camera::open, &vqt::Camera::openSlave, &vqt::Camera::openInterface})
+        EXPECT_EQ(open('A').value().info().value().serial, 1000 + cameras[10].slot);
+}
+
+// The status of requests that the driver does not know is nobody's but the bus's.
+TEST_F(Pnp, RequestsPassedDown)
+{
+    const Camera camera = rig.plug(model(1));
+    ntos::Device device = camera.device;
+    for (const std::uint8_t minor : {kQueryRemove, kCancelRemove, kQueryStop, kCancelStop})
+        EXPECT_EQ(device.sendPnp(minor).status, st::success) << int{minor};
+    for (const std::uint8_t minor : {std::uint8_t{0x19}, std::uint8_t{0x7F}})
+        EXPECT_EQ(device.sendPnp(minor).status, ntos::ntStatus(0xC00000BB)) << int{minor};
+    Handle handle = rig.open(camera);
+    Bytes buffer(16);
+    EXPECT_EQ(handle.file().read(buffer.data(), buffer.size()).status, st::invalidDeviceRequest);
+    EXPECT_EQ(handle.file().write(buffer.data(), buffer.size()).status, st::invalidDeviceRequest);
+    EXPECT_EQ(device.sendSystemControl(5).status, st::success);
+    EXPECT_EQ(device.sendPnp(kQueryRemove).status, st::success);
+    EXPECT_TRUE(rig.open(camera)) << "opening is never refused";
+    EXPECT_EQ(device.sendPnp(kCancelRemove).status, st::success);
+}
+
+// Unplugged in the middle of everything: waiting requests return, the shutdown runs once, and the device object stays
+// until the last handle is closed.
+TEST_F(Pnp, SurpriseWhileStreaming)
+{
+    const Camera camera = rig.plug(model(1));
+    Handle handle = rig.open(camera), second = rig.open(camera);
+    ASSERT_EQ(handle.status(1), st::success);
+    ASSERT_EQ(handle.frame(frame), st::success);
+    const std::uint64_t mark = rig.mark();
+    NtStatus waited = 1;
+    std::uint64_t address = 0;
+    std::thread waiter([&] { // has no limit of its own: only the stop ends it
+        while (waited >= 0)
+            waited = second.get(IOCTL_GetFramePtr, address);
+    });
+    rig.unplug(camera);
+    waiter.join();
+    EXPECT_TRUE(waited == st::invalidDeviceRequest || waited == st::deviceRemoved) << std::hex << waited;
+    EXPECT_EQ(camera.device.state(), DeviceState::surpriseRemoved);
+    EXPECT_EQ(handle.frame(frame), st::deviceRemoved);
+    handle.close();
+    EXPECT_EQ(camera.device.state(), DeviceState::surpriseRemoved) << "one handle is left";
+    EXPECT_EQ(second.frame(frame), st::deviceRemoved);
+    EXPECT_EQ(rig.plug(model(1)).id, '1') << "the old camera still has its name";
+    second.close();
+    rig.machine.settle();
+    EXPECT_EQ(camera.device.state(), DeviceState::removed);
+    EXPECT_EQ(rig.times(kShutdown, mark), 1u);
+    EXPECT_EQ(rig.plug(model(1)).id, '0');
+}
+
+// Stopped and started again: nothing is registered twice, nothing is lost, and removal takes away what is there.
+TEST_F(Pnp, StopAndStartAgain)
+{
+    const Camera camera = rig.plug(model(1), [this](std::uint32_t slot) {
+        rig.bay.setDefects(slot, std::vector<simbus::DEFECT_RECORD>{{1, 1, 0}, {9, 9, 0}}).value();
+    });
+    ntos::Device device = camera.device;
+    Handle handle = rig.open(camera);
+    ASSERT_EQ(handle.window(window(100, 50, 640, 480)), st::success);
+    const ntos::Counters before = rig.machine.counters();
+    const ntos::PoolTagStatistics pool = rig.machine.pool("42QV");
+    for (unsigned round = 1; round <= 3; ++round) {
+        SCOPED_TRACE(round);
+        ASSERT_EQ(device.queryStop(), st::success);
+        ASSERT_EQ(device.stop(), st::success);
+        ASSERT_EQ(device.start(), st::success);
+        const ntos::Counters now = rig.machine.counters();
+        EXPECT_EQ(now.symbolicLinks, before.symbolicLinks);
+        EXPECT_EQ(now.interfaces, before.interfaces);
+        EXPECT_EQ(now.mdls, before.mdls);
+        EXPECT_EQ(rig.machine.pool("42QV").blocks, pool.blocks);
+        EXPECT_EQ(rig.machine.pool("42QV").bytes, pool.bytes);
+        EXPECT_EQ(handle.window().Width, 1280) << "a start sets the window to the whole sensor";
+        ASSERT_EQ(handle.status(1), st::success);
+        EXPECT_EQ(handle.frame(frame), st::success);
+        EXPECT_EQ(handle.status(0), st::success);
+    }
+    handle.close();
+    rig.unplug(camera);
+    expectNothingLeft();
+}
+
+TEST_F(Pnp, PlugFaultsLeaveWhatTheyShould)
+{
+    const struct {
+        const char *routine;
+        unsigned which; // the n-th such call of the plug fails
+        bool added, started;
+        const char *said;
+        bool slave; // the slave link is there afterwards
+    } rows[] = {
+        {"IoCreateDevice", 1, false, false, "E pnp/USBCAM_AddDevice: Can not create device object, return C~h \n",
+         false},
+        {"IoAttachDeviceToDeviceStack", 1, false, false, "E pnp/USBCAM_AddDevice: Can not attach device! \n", false},
+        {"IoGetDeviceProperty", 2, true, true, "  pnp/PnpStartDevice: return 0h\n", true},
+        {"IoBuildDeviceIoControlRequest", 1, true, false, "E pnp/PnpStartDevice: return C000009Ah\n", false},
+        {"IoCreateSymbolicLink", 2, true, true, "E pnp/AddSlaveDevice: IoCreateSymbolicLink( ~ ) return C~h\n", false},
+        {"IoRegisterDeviceInterface", 1, true, false,
+         "E pnp/PnpStartDevice: Unable to register or set GUID interface : PDO=~, Status=[C~] \n", true},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.routine);
+        unsigned seen = 0;
+        const std::uint64_t mark = rig.mark();
+        rig.machine.faults().only({"usbcam"});
+        rig.machine.faults().onCall([&](const ntos::KernelCall &call) {
+            return call.routine == std::string_view(row.routine) && ++seen == row.which;
+        });
+        const Camera camera = rig.plug(model(1));
+        rig.machine.faults().off();
+        ASSERT_GE(seen, row.which) << "the fault met no call";
+        EXPECT_EQ(ntos::succeeded(camera.device.addStatus()), row.added);
+        EXPECT_EQ(camera.device.state() == DeviceState::started, row.started);
+        EXPECT_EQ(rig.times(row.said, mark), 1u) << row.said;
+        EXPECT_EQ(rig.machine.symbolicLink("UsbVQTR42Xx_0").has_value(), row.added);
+        EXPECT_EQ(rig.machine.symbolicLink("QorinInfer01r00").has_value(), row.slave);
+        EXPECT_EQ(rig.machine.deviceNameExists("\\Device\\UsbVQTR42X0"), row.added);
+        rig.unplug(camera);
+        expectNothingLeft();
+        const Camera next = rig.plug(model(1));
+        EXPECT_EQ(next.id, '0');
+        EXPECT_EQ(next.device.state(), DeviceState::started);
+        rig.unplug(next);
+    }
+}
+
+} // namespace

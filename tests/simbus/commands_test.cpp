@@ -1,0 +1,99 @@
+// Commands and descriptors, byte for byte.
+#include "wire.h"
+
+namespace {
+
+using wire::Bytes;
+using wire::Half;
+
+TEST(Commands, AnswerAsDocumented)
+{
+    wire::Rig rig;
+    simbus::PLUG_REQUEST plug = wire::model(2, false, simbus::kPlugAll & ~simbus::kPlugFullSpeed);
+    plug.Firmware = 39;
+    plug.ChipId = 0x8511;
+    plug.HwModelId = 29;
+    plug.Batch = 0x0102;
+    plug.Serial = 0xA1B2C3D4;
+    plug.Board = 0x0304;
+    wire::Camera camera = rig.plug(plug);
+    ASSERT_EQ(
+        rig.set(simbus::kIoctlSetFlash, simbus::FLASH_REQUEST{camera.slot, 0x7FFB, 5, 1, 77}, Bytes{1, 2, 3, 4, 5}),
+        STATUS_SUCCESS);
+    const struct {
+        Bytes command, reply; // status byte first
+    } cases[] = {
+        {{0x11}, {0x90, 0, 0, 0, 0, 0, 0, 0, 0x80, 2}},
+        {{0x2C, 1}, {0x90}},
+        {{0x11, 9, 9}, {0x90, 0, 0, 0, 0, 0, 0, 0, 0x80, 10}}, // arguments it does not need
+        {{0x2C, 3}, {0x92}},
+        {{0x2C}, {0x92}},
+        {{0x12}, {0x90, 29, 0, 2, 1, 0xD4, 0xC3, 0xB2, 0xA1, 4, 3, 39, 0, 77, 0, 0, 0}},
+        {{0x18, 0xFA, 0x7F, 6, 0}, {0x90, 0xFF, 1, 2, 3, 4, 5}},
+        {{0x18, 0xFB, 0x7F, 6, 0}, {0x92}}, // beyond the end
+        {{0x18, 0, 0, 64, 0}, {0x92}},      // more than a reply holds
+        {{0x18, 0, 0, 0, 0}, {0x90}},
+        {{0x18, 0, 0, 1}, {0x92}},
+        {{0x1F, 0, 1, 2}, {0x90}},
+        {{0x1E, 0}, {0x90, 0x85, 0x11}}, // the chip's identification cannot be written
+        {{0x1F, 0x42, 0x34, 0x12}, {0x90}},
+        {{0x1E, 0x42}, {0x90, 0x12, 0x34}},
+        {{0x1F, 0x42, 0x34}, {0x92}},
+        {{0x1F, 0x0D, 1, 0}, {0x90}},
+        {{0x1F, 0x0D, 0, 0}, {0x90}},
+        {{0x1E, 0x42}, {0x90, 0, 0}}, // reset
+        {{0x1E}, {0x92}},
+        {{0x28, 0, 0xFF, 0x5A}, {0x90, 0x5A, 0xA5, 0}},
+        {{0x28}, {0x92}},
+        {{0x2D, 2}, {0x92}},
+        {{0x77}, {0x91}},
+    };
+    const auto fetch = [&] {
+        Half in(camera, true);
+        in.send();
+        in.wait();
+        return in.reply();
+    };
+    for (const auto &test : cases) {
+        Half out(camera, false, test.command);
+        out.send();
+        ASSERT_EQ(out.wait().status, STATUS_SUCCESS);
+        EXPECT_EQ(fetch(), test.reply) << "command " << int(test.command[0]);
+        EXPECT_EQ(fetch(), Bytes{}) << "a reply is there once";
+    }
+    for (const Bytes &bad : {Bytes{}, Bytes(65, 0x11)}) { // no command
+        Half out(camera, false, bad);
+        out.send();
+        EXPECT_EQ(out.wait().usbStatus(), USBD_STATUS_STALL_PID);
+    }
+    EXPECT_EQ(camera.command({0x11}).size(), 9u); // the pipe is not halted by it
+}
+
+TEST(Descriptors, CanBeMadeToLie)
+{
+    wire::Rig rig;
+    wire::Camera camera = rig.plug(1);
+    const Bytes truth = camera.descriptor(2, 1, 4096);
+    camera.descriptor(2, 2, 9, USBD_STATUS_STALL_PID);
+    EXPECT_EQ(camera.select(3), STATUS_UNSUCCESSFUL);
+    const std::size_t last = truth.size() - 7;
+    const auto lie = [&](const Bytes &bytes, std::uint8_t remove = 0, std::uint8_t stall = 0) {
+        const auto length = static_cast<std::uint32_t>(bytes.size());
+        const simbus::DESCRIPTOR_REQUEST request{camera.slot, 2, 1, remove, stall, length};
+        EXPECT_EQ(rig.set(simbus::kIoctlSetDescriptor, request, bytes), STATUS_SUCCESS);
+    };
+    // More endpoints promised than described, a part of length 0, a cut part: refused, nothing opened.
+    for (const auto &[at, value] : {std::pair<std::size_t, int>{last - 9 + 4, 2}, {last, 0}, {last, 200}}) {
+        Bytes bad = truth;
+        bad[at] = static_cast<std::uint8_t>(value);
+        lie(bad);
+        EXPECT_EQ(camera.descriptor(2, 1, 4096), bad);
+        EXPECT_NE(camera.select(2), STATUS_SUCCESS);
+    }
+    lie({}, 0, 1);
+    camera.descriptor(2, 1, 9, USBD_STATUS_STALL_PID);
+    lie({}, 1, 0);
+    EXPECT_EQ(camera.descriptor(2, 1, 4096), truth);
+}
+
+} // namespace

@@ -1,0 +1,178 @@
+// What is scripted happens, exactly there, and nothing else does.
+#include "wire.h"
+
+namespace {
+
+using wire::Bytes;
+using wire::Half;
+using wire::Read;
+
+constexpr unsigned kWidth = 48, kHeight = 8, kLine = 4 + kWidth;
+
+wire::Camera ready(wire::Rig &rig)
+{
+    wire::Camera camera = rig.plug(1);
+    camera.select(2);
+    camera.window(kWidth, kHeight);
+    return camera;
+}
+
+// Frames of which the script leaves nothing: the bus goes on serving, and so does the camera once it may.
+TEST(LineFaults, NothingLeftOfAnyFrame)
+{
+    wire::Rig rig;
+    wire::Camera camera = ready(rig), other = rig.plug(1);
+    ASSERT_EQ(rig.script<simbus::LINE_FAULT>(camera, {{simbus::kEveryFrame, 0, simbus::kLineCut, 0}}), STATUS_SUCCESS);
+    Read read(camera, 4096);
+    read.send();
+    camera.run(true);
+    EXPECT_EQ(other.command({0x11}).size(), 9u);
+    EXPECT_EQ(read.completions, 0);
+    ASSERT_EQ(rig.script<simbus::LINE_FAULT>(camera, {}), STATUS_SUCCESS);
+    read.wait();
+    EXPECT_EQ(read.received(), 4096u);
+    camera.run(false);
+}
+
+TEST(CommandFaults, WaitingAnswersEndByReleaseCancelOrTime)
+{
+    wire::Rig rig(true);
+    wire::Camera camera = rig.plug(1);
+    // Sends a command whose answer the fault holds up.
+    const auto ask = [&](Half &answer, const simbus::COMMAND_FAULT &fault) {
+        ASSERT_EQ(rig.script<simbus::COMMAND_FAULT>(camera, {fault}), STATUS_SUCCESS);
+        Half command(camera, false, {0x2C, 0});
+        command.send();
+        EXPECT_EQ(command.wait().status, STATUS_SUCCESS);
+        EXPECT_EQ(answer.send(), STATUS_PENDING);
+        EXPECT_EQ(camera.descriptor(1, 0, 18).size(), 18u); // the rest of the camera is well
+        EXPECT_EQ(answer.completions, 0);
+    };
+    for (const std::uint32_t mode : {0u, simbus::kModeInlineControl}) {
+        ASSERT_EQ(rig.set(simbus::kIoctlSetMode, simbus::MODE_REQUEST{camera.slot, mode}), STATUS_SUCCESS);
+        for (const bool cancel : {true, false}) {
+            Half waiting(camera, true);
+            ask(waiting, {0x2C, simbus::kCommandNoAnswer, 0, 0, 1});
+            if (cancel)
+                waiting.cancel();
+            else
+                EXPECT_EQ(rig.set(simbus::kIoctlReleaseHeld, simbus::SLOT_RECORD{camera.slot}), STATUS_SUCCESS);
+            EXPECT_EQ(waiting.wait().status, cancel ? STATUS_CANCELLED : STATUS_SUCCESS);
+            EXPECT_EQ(waiting.reply(), cancel ? Bytes{} : Bytes{0x90});
+        }
+        Half late(camera, true);
+        ask(late, {0x2C, simbus::kCommandDelay, 250, 0, 1});
+        for (const int milliseconds : {249, 1}) {
+            EXPECT_EQ(late.completions, 0);
+            ASSERT_TRUE(rig.machine.clock().waitForTimedWaiters(1));
+            rig.machine.clock().advance(ntos::Ticks(milliseconds * 10'000 + 1));
+        }
+        late.wait();
+        EXPECT_EQ(late.reply(), Bytes{0x90});
+    }
+}
+
+TEST(CommandFaults, ASilentCameraAnswersLater)
+{
+    wire::Rig rig;
+    wire::Camera camera = rig.plug(1);
+    const auto silence = [&](std::uint32_t what) {
+        EXPECT_EQ(rig.set(simbus::kIoctlSetSilence, simbus::SILENCE_REQUEST{camera.slot, what}), STATUS_SUCCESS);
+    };
+    silence(simbus::kSilentCommands);
+    Half out(camera, false, {0x11}), in(camera, true);
+    EXPECT_EQ(out.send(), STATUS_PENDING);
+    EXPECT_EQ(in.send(), STATUS_PENDING);
+    EXPECT_EQ(camera.descriptor(1, 0, 18).size(), 18u);
+    EXPECT_EQ(out.completions, 0);
+    silence(0);
+    out.wait();
+    in.wait();
+    EXPECT_EQ(in.reply().size(), 10u);
+}
+
+TEST(BulkFaults, MeetTheReadsInOrder)
+{
+    wire::Rig rig;
+    wire::Camera camera = ready(rig);
+    ASSERT_EQ(rig.script<simbus::BULK_FAULT>(camera, {{simbus::kBulkPass, 0, 0, 2},
+                                                      {simbus::kBulkEmpty, 0, 0, 1},
+                                                      {simbus::kBulkShort, 0, 77, 1},
+                                                      {simbus::kBulkSecondThread, 0, 0, 1},
+                                                      {simbus::kBulkError, 0, 0, 1},
+                                                      {simbus::kBulkShort, 0, 5000, 1},
+                                                      {simbus::kBulkStall, 0, 0, 1}}),
+              STATUS_SUCCESS);
+    const struct {
+        USBD_STATUS status;
+        std::size_t received;
+    } wanted[] = {{0, 1000},
+                  {0, 1000},
+                  {0, 0},
+                  {0, 77},
+                  {0, 1000},
+                  {USBD_STATUS_XACT_ERROR, 0},
+                  {0, 1000},
+                  {USBD_STATUS_STALL_PID, 0},
+                  {USBD_STATUS_ENDPOINT_HALTED, 0}};
+    std::vector<std::unique_ptr<Read>> reads;
+    for (std::size_t i = 0; i < std::size(wanted); ++i) {
+        reads.push_back(std::make_unique<Read>(camera, 1000));
+        reads.back()->send();
+    }
+    camera.run(true);
+    Bytes all;
+    for (std::size_t i = 0; i < reads.size(); ++i) {
+        EXPECT_EQ(reads[i]->wait().usbStatus(), wanted[i].status) << i;
+        EXPECT_EQ(reads[i]->received(), wanted[i].received) << i;
+        const Bytes bytes = reads[i]->bytes();
+        all.insert(all.end(), bytes.begin(), bytes.end());
+    }
+    EXPECT_NE(reads[4]->thread, reads[3]->thread);
+    EXPECT_EQ(reads[4]->irql, DISPATCH_LEVEL);
+    // No byte of the stream went missing between them.
+    const std::vector<unsigned> words = wire::lineWords(all, kLine);
+    for (std::size_t i = 0; i < words.size(); ++i)
+        EXPECT_EQ(words[i] & 0x1FFF, i % kHeight);
+
+    EXPECT_EQ(rig.state(camera).Halted, 1u);
+    EXPECT_EQ(camera.pipeRequest(URB_FUNCTION_RESET_PIPE, camera.pipe()), STATUS_SUCCESS);
+    EXPECT_EQ(camera.readStream(1000).size(), 1000u);
+
+    // A short read that may not be short.
+    ASSERT_EQ(rig.script<simbus::BULK_FAULT>(camera, {{simbus::kBulkShort, 0, 10, 1}}), STATUS_SUCCESS);
+    Read strict(camera, 100, nullptr, false);
+    strict.send();
+    EXPECT_EQ(strict.wait().usbStatus(), USBD_STATUS_ERROR_SHORT_TRANSFER);
+    EXPECT_EQ(strict.received(), 10u);
+    camera.run(false);
+}
+
+TEST(BulkFaults, InlineAndHeldCompletions)
+{
+    wire::Rig rig;
+    wire::Camera camera = ready(rig);
+    ASSERT_EQ(rig.script<simbus::BULK_FAULT>(camera, {{simbus::kBulkInline, 0, 0, 1}, {simbus::kBulkHold, 0, 0, 2}}),
+              STATUS_SUCCESS);
+    Read atOnce(camera, 100), held(camera, 100), alsoHeld(camera, 100), free(camera, 100);
+    EXPECT_EQ(atOnce.send(), STATUS_SUCCESS);
+    EXPECT_EQ(atOnce.completions, 1);
+    EXPECT_EQ(atOnce.received(), 0u);
+    for (Read *read : {&held, &alsoHeld, &free})
+        read->send();
+    camera.run(true);
+    free.wait(); // overtakes the two
+    EXPECT_EQ(rig.state(camera).HeldReads, 2u);
+    held.cancel(); // too late: the data has arrived
+    EXPECT_EQ(camera.pipeRequest(URB_FUNCTION_ABORT_PIPE, camera.pipe()), STATUS_SUCCESS);
+    for (Read *read : {&held, &alsoHeld})
+        EXPECT_EQ(read->completions, 0);
+    ASSERT_EQ(rig.set(simbus::kIoctlReleaseHeld, simbus::SLOT_RECORD{camera.slot}), STATUS_SUCCESS);
+    for (Read *read : {&held, &alsoHeld}) {
+        EXPECT_EQ(read->wait().status, STATUS_SUCCESS);
+        EXPECT_EQ(read->received(), 100u);
+    }
+    camera.run(false);
+}
+
+} // namespace

@@ -1,0 +1,155 @@
+// Pending reads: lengths, abort, cancel, and every read completed exactly once.
+#include "wire.h"
+
+#include <thread>
+
+namespace {
+
+using wire::Bytes;
+using wire::Read;
+using Reads = std::vector<std::unique_ptr<Read>>;
+
+constexpr unsigned kWidth = 48, kHeight = 6;
+
+// A small frame that does not change, so that the stream is one period repeated.
+wire::Camera still(wire::Rig &rig, unsigned bits = 8)
+{
+    wire::Camera camera = rig.plug(1);
+    EXPECT_EQ(rig.set(simbus::kIoctlFreeze, simbus::FREEZE_REQUEST{camera.slot, 1, 0}), STATUS_SUCCESS);
+    EXPECT_EQ(rig.set(simbus::kIoctlSetLineFlags, simbus::LINE_FLAGS_REQUEST{camera.slot, simbus::kFlagsFixed, 0}),
+              STATUS_SUCCESS);
+    camera.select(1);
+    camera.window(kWidth, kHeight, bits);
+    return camera;
+}
+
+TEST(Reads, CutTheStreamAnywhere)
+{
+    wire::Rig rig;
+    wire::Camera camera = still(rig, 10);
+    camera.run(true);
+    const Bytes period = camera.readStream((4 + kWidth * 10 / 8) * kHeight);
+    std::size_t at = 0;
+    for (std::size_t length = 0; length <= period.size() + 1; ++length) {
+        Read read(camera, length, nullptr, length % 2 == 0, length % 3 == 0);
+        EXPECT_EQ(read.send(), STATUS_PENDING);
+        ASSERT_EQ(read.wait().status, STATUS_SUCCESS);
+        EXPECT_EQ(read.irql, DISPATCH_LEVEL);
+        ASSERT_TRUE(read.guardsIntact());
+        const Bytes bytes = read.bytes();
+        ASSERT_EQ(bytes.size(), length);
+        for (std::uint8_t byte : bytes)
+            ASSERT_EQ(byte, period[at++ % period.size()]) << "read of " << length;
+    }
+}
+
+TEST(Reads, EndOnceByAbortCancelAndSelection)
+{
+    wire::Rig rig;
+    wire::Camera camera = still(rig);
+    for (const int way : {0, 1, 2}) {
+        const USBD_PIPE_HANDLE pipe = camera.pipe(), silent = camera.pipe(0x81);
+        Reads reads;
+        for (int i = 0; i < 6; ++i) {
+            reads.push_back(std::make_unique<Read>(camera, 4096, i == 5 ? silent : pipe));
+            EXPECT_EQ(reads.back()->send(), STATUS_PENDING);
+        }
+        if (way == 0) {
+            EXPECT_EQ(camera.pipeRequest(URB_FUNCTION_ABORT_PIPE, pipe), STATUS_SUCCESS);
+            EXPECT_EQ(reads[5]->completions, 0); // another pipe's
+            EXPECT_EQ(camera.pipeRequest(URB_FUNCTION_ABORT_PIPE, silent), STATUS_SUCCESS);
+        } else if (way == 1) {
+            for (const auto &read : reads)
+                read->cancel();
+        } else {
+            camera.select(1);
+        }
+        for (const auto &read : reads) {
+            EXPECT_EQ(read->wait().status, STATUS_CANCELLED);
+            EXPECT_EQ(read->usbStatus(), USBD_STATUS_CANCELED);
+            EXPECT_EQ(read->received(), 0u);
+            EXPECT_EQ(read->completions, 1);
+        }
+    }
+}
+
+// Reads that are filled, cancelled and aborted from three sides at once.
+TEST(Reads, SurviveCancelAgainstCompletion)
+{
+    wire::Rig rig;
+    wire::Camera camera = still(rig);
+    camera.run(true);
+    int filled = 0;
+    for (int round = 0; round < 300; ++round) {
+        Reads reads;
+        for (int i = 0; i < 8; ++i)
+            reads.push_back(std::make_unique<Read>(camera, 20'000, nullptr, true, i % 2 == 0));
+        for (const auto &read : reads)
+            read->send();
+        std::thread canceller([&] {
+            for (std::size_t i = 0; i < reads.size(); i += 2)
+                reads[i]->cancel();
+        });
+        if (round % 3 == 0)
+            camera.pipeRequest(URB_FUNCTION_ABORT_PIPE, camera.pipe());
+        canceller.join();
+        for (const auto &read : reads) {
+            const bool full = read->wait().status == STATUS_SUCCESS;
+            filled += full;
+            ASSERT_TRUE(full ? read->received() == 20'000 : read->status == STATUS_CANCELLED);
+            ASSERT_EQ(read->completions, 1);
+            ASSERT_TRUE(read->guardsIntact());
+        }
+    }
+    EXPECT_GT(filled, 0);
+    EXPECT_EQ(rig.state(camera).PendingReads, 0u);
+}
+
+TEST(Reads, WrongHandlesAndBuffersAreRefused)
+{
+    wire::Rig rig;
+    wire::Camera camera = still(rig);
+    const USBD_PIPE_HANDLE stale = camera.pipe();
+    camera.select(2);
+    const auto refused = [&](USBD_STATUS status, auto change, bool useMdl = false) {
+        Read read(camera, 100, nullptr, true, useMdl);
+        change(read.urb.UrbBulkOrInterruptTransfer);
+        EXPECT_EQ(read.send(), STATUS_INVALID_PARAMETER);
+        EXPECT_EQ(read.completions, 1);
+        EXPECT_TRUE(status == 0 || read.usbStatus() == status);
+    };
+    for (const USBD_PIPE_HANDLE pipe : {USBD_PIPE_HANDLE{nullptr}, stale, static_cast<USBD_PIPE_HANDLE>(&rig)}) {
+        refused(USBD_STATUS_INVALID_PIPE_HANDLE, [&](auto &urb) { urb.PipeHandle = pipe; });
+        EXPECT_EQ(camera.pipeRequest(URB_FUNCTION_ABORT_PIPE, pipe), STATUS_INVALID_PARAMETER);
+        EXPECT_EQ(camera.pipeRequest(URB_FUNCTION_RESET_PIPE, pipe), STATUS_INVALID_PARAMETER);
+    }
+    refused(0, [](auto &urb) { urb.TransferBuffer = nullptr; });
+    refused(
+        0, [](auto &urb) { urb.TransferBufferLength = 101; }, true);
+    refused(0, [](auto &urb) { urb.Hdr.Length = sizeof(_URB_PIPE_REQUEST); });
+    refused(USBD_STATUS_INVALID_URB_FUNCTION, [](auto &urb) { urb.Hdr.Function = URB_FUNCTION_ISOCH_TRANSFER; });
+}
+
+// The pace is that of the machine's clock: no byte without time, and as many as the time allows.
+TEST(Reads, ArriveAtThePace)
+{
+    wire::Rig rig(true);
+    wire::Camera camera = still(rig);
+    ASSERT_EQ(rig.set(simbus::kIoctlSetPace, simbus::PACE_REQUEST{camera.slot, 1'000'000}), STATUS_SUCCESS);
+    Read read(camera, 200'000);
+    read.send();
+    camera.run(true);
+    ntos::Clock &clock = rig.machine.clock();
+    const ntos::Ticks start = clock.now();
+    const auto seconds = [&] { return static_cast<double>((clock.now() - start).count()) / 1e7; };
+    while (read.completions == 0) {
+        // The read can end between the two questions: then nobody waits any more.
+        if (!clock.waitForTimedWaiters(1, std::chrono::milliseconds(50)))
+            continue;
+        EXPECT_LE(static_cast<double>(rig.state(camera).BytesSent), seconds() * 1'000'000 + 1);
+        clock.advance(ntos::Ticks(100'000)); // 10 ms
+    }
+    EXPECT_NEAR(seconds(), 0.2, 0.03);
+}
+
+} // namespace

@@ -1,0 +1,397 @@
+#include "wire.h"
+
+extern "C" NTSTATUS SimbusDriverEntry(PDRIVER_OBJECT driverObject, PUNICODE_STRING registryPath);
+
+namespace wire {
+
+std::mutex removals;
+
+namespace {
+
+// ---------------------------------------------------------------------------- the bare function driver
+
+std::atomic<PDEVICE_OBJECT> newestLower{nullptr};
+
+PDEVICE_OBJECT &lowerOf(PDEVICE_OBJECT device)
+{
+    return *static_cast<PDEVICE_OBJECT *>(device->DeviceExtension);
+}
+
+NTSTATUS addDevice(PDRIVER_OBJECT driver, PDEVICE_OBJECT pdo)
+{
+    PDEVICE_OBJECT self = nullptr;
+    const NTSTATUS status = IoCreateDevice(driver, sizeof pdo, nullptr, FILE_DEVICE_UNKNOWN, 0, FALSE, &self);
+    if (!NT_SUCCESS(status))
+        return status;
+    newestLower = lowerOf(self) = IoAttachDeviceToDeviceStack(self, pdo);
+    self->Flags |= lowerOf(self)->Flags & DO_POWER_PAGABLE;
+    self->Flags &= ~static_cast<ULONG>(DO_DEVICE_INITIALIZING);
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS passDown(PDEVICE_OBJECT device, PIRP irp)
+{
+    IoSkipCurrentIrpStackLocation(irp);
+    return IoCallDriver(lowerOf(device), irp);
+}
+
+NTSTATUS pnp(PDEVICE_OBJECT device, PIRP irp)
+{
+    const UCHAR minor = IoGetCurrentIrpStackLocation(irp)->MinorFunction;
+    if (minor == IRP_MN_SURPRISE_REMOVAL) {
+        const std::lock_guard wait(removals);
+    }
+    // Removals and stops, asked for, called off or done.
+    if (minor == IRP_MN_SURPRISE_REMOVAL || (minor >= IRP_MN_QUERY_REMOVE_DEVICE && minor <= IRP_MN_CANCEL_STOP_DEVICE))
+        irp->IoStatus.Status = STATUS_SUCCESS;
+    const PDEVICE_OBJECT lower = lowerOf(device);
+    const NTSTATUS status = passDown(device, irp);
+    if (minor == IRP_MN_REMOVE_DEVICE) {
+        IoDetachDevice(lower);
+        IoDeleteDevice(device);
+    }
+    return status;
+}
+
+NTSTATUS power(PDEVICE_OBJECT device, PIRP irp)
+{
+    PoStartNextPowerIrp(irp);
+    IoSkipCurrentIrpStackLocation(irp);
+    return PoCallDriver(lowerOf(device), irp);
+}
+
+NTSTATUS functionEntry(PDRIVER_OBJECT driver, PUNICODE_STRING)
+{
+    driver->DriverExtension->AddDevice = addDevice;
+    driver->DriverUnload = [](PDRIVER_OBJECT) {};
+    driver->MajorFunction[IRP_MJ_PNP] = pnp;
+    driver->MajorFunction[IRP_MJ_POWER] = power;
+    driver->MajorFunction[IRP_MJ_SYSTEM_CONTROL] = passDown;
+    return STATUS_SUCCESS;
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------------------------- transfers
+
+Transfer::Transfer(PDEVICE_OBJECT device, std::size_t urbBytes)
+    : urb(*reinterpret_cast<URB *>(new std::uint8_t[urbBytes]{})), device_(device),
+      storage_(reinterpret_cast<std::uint8_t *>(&urb))
+{
+}
+
+Transfer::~Transfer()
+{
+    comeBack();
+    if (irp_ != nullptr)
+        IoFreeIrp(irp_);
+}
+
+void Transfer::comeBack()
+{
+    if (irp_ != nullptr)
+        wait();
+}
+
+NTSTATUS Transfer::onComplete(PDEVICE_OBJECT, PIRP irp, PVOID context)
+{
+    Transfer *self = static_cast<Transfer *>(context);
+    const std::lock_guard lock(self->mutex_);
+    self->status = irp->IoStatus.Status;
+    self->irql = KeGetCurrentIrql();
+    self->thread = KeGetCurrentThread();
+    ++self->completions;
+    self->done_.notify_all();
+    return STATUS_MORE_PROCESSING_REQUIRED;
+}
+
+NTSTATUS Transfer::send()
+{
+    irp_ = IoAllocateIrp(static_cast<CCHAR>(device_->StackSize + 1), FALSE);
+    PIO_STACK_LOCATION stack = IoGetNextIrpStackLocation(irp_);
+    stack->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
+    stack->Parameters.DeviceIoControl.IoControlCode = static_cast<ULONG>(IOCTL_INTERNAL_USB_SUBMIT_URB);
+    stack->Parameters.Others.Argument1 = &urb;
+    IoSetCompletionRoutine(irp_, onComplete, this, TRUE, TRUE, TRUE);
+    return IoCallDriver(device_, irp_);
+}
+
+Transfer &Transfer::wait()
+{
+    std::unique_lock lock(mutex_);
+    if (!done_.wait_for(lock, std::chrono::seconds(30), [&] { return completions != 0; })) {
+        std::fputs("a transfer never completed\n", stderr);
+        std::abort(); // its memory is still in the bus's hands
+    }
+    return *this;
+}
+
+void Transfer::cancel()
+{
+    IoCancelIrp(irp_);
+}
+
+USBD_STATUS Transfer::usbStatus() const
+{
+    return urb.UrbHeader.Status;
+}
+
+Read::Read(const Camera &camera, std::size_t length, USBD_PIPE_HANDLE pipe, bool shortOk, bool useMdl)
+    : Transfer(camera.lower), length_(length)
+{
+    memory_ = static_cast<std::uint8_t *>(ExAllocatePoolWithTag(NonPagedPool, length + 2 * kGuard, 'daeR'));
+    std::memset(memory_, 0xEE, length + 2 * kGuard);
+    auto &bulk = urb.UrbBulkOrInterruptTransfer;
+    bulk.Hdr.Length = sizeof(bulk);
+    bulk.Hdr.Function = URB_FUNCTION_BULK_OR_INTERRUPT_TRANSFER;
+    bulk.PipeHandle = pipe != nullptr ? pipe : camera.pipe();
+    bulk.TransferFlags = USBD_TRANSFER_DIRECTION_IN | (shortOk ? USBD_SHORT_TRANSFER_OK : 0u);
+    bulk.TransferBufferLength = static_cast<ULONG>(length);
+    if (useMdl) {
+        mdl_ = IoAllocateMdl(memory_ + kGuard, static_cast<ULONG>(length), FALSE, FALSE, nullptr);
+        MmBuildMdlForNonPagedPool(mdl_);
+        bulk.TransferBufferMDL = mdl_;
+    } else {
+        bulk.TransferBuffer = memory_ + kGuard;
+    }
+}
+
+Read::~Read()
+{
+    comeBack();
+    if (mdl_ != nullptr)
+        IoFreeMdl(mdl_);
+    ExFreePoolWithTag(memory_, 'daeR');
+}
+
+std::size_t Read::received() const
+{
+    return urb.UrbBulkOrInterruptTransfer.TransferBufferLength;
+}
+
+Bytes Read::bytes() const
+{
+    return Bytes(memory_ + kGuard, memory_ + kGuard + received());
+}
+
+bool Read::guardsIntact() const
+{
+    for (std::size_t i = 0; i < kGuard; ++i)
+        if (memory_[i] != 0xEE || memory_[kGuard + length_ + i] != 0xEE)
+            return false;
+    return true;
+}
+
+Half::Half(const Camera &camera, bool in, Bytes bytes) : Transfer(camera.lower), bytes_(std::move(bytes))
+{
+    auto &request = urb.UrbControlVendorClassRequest;
+    request.Hdr.Length = sizeof(request);
+    request.Hdr.Function = URB_FUNCTION_VENDOR_DEVICE;
+    request.TransferFlags = in ? USBD_TRANSFER_DIRECTION_IN | USBD_SHORT_TRANSFER_OK : 0u;
+    request.TransferBuffer = bytes_.data();
+    request.TransferBufferLength = static_cast<ULONG>(bytes_.size());
+    request.Request = 0xB0;
+}
+
+Half::~Half()
+{
+    comeBack();
+}
+
+Bytes Half::reply() const
+{
+    return Bytes(bytes_.begin(), bytes_.begin() + urb.UrbControlVendorClassRequest.TransferBufferLength);
+}
+
+// ------------------------------------------------------------------------------------------------ cameras
+
+Bytes Camera::command(const Bytes &command)
+{
+    Half out(*this, false, command), in(*this, true);
+    for (Half *half : {&out, &in}) {
+        half->send();
+        EXPECT_EQ(half->wait().status, STATUS_SUCCESS);
+    }
+    Bytes reply = in.reply();
+    if (reply.empty() || reply[0] != 0x90) {
+        ADD_FAILURE() << "command " << int(command[0]) << " was not carried out";
+        return Bytes(63);
+    }
+    reply.erase(reply.begin());
+    return reply;
+}
+
+std::uint16_t Camera::readRegister(std::uint8_t index)
+{
+    const Bytes value = command({0x1E, index});
+    EXPECT_EQ(value.size(), 2u);
+    return static_cast<std::uint16_t>(value[0] << 8 | value[1]);
+}
+
+void Camera::writeRegister(std::uint8_t index, std::uint16_t value)
+{
+    EXPECT_TRUE(
+        command({0x1F, index, static_cast<std::uint8_t>(value), static_cast<std::uint8_t>(value >> 8)}).empty());
+}
+
+void Camera::window(unsigned width, unsigned height, unsigned bits)
+{
+    writeRegister(0x04, static_cast<std::uint16_t>(width - 1));
+    writeRegister(0x03, static_cast<std::uint16_t>(height - 1));
+    command({0x2D, static_cast<std::uint8_t>(bits == 10)});
+}
+
+void Camera::run(bool on)
+{
+    const std::uint16_t mode = readRegister(0x1E);
+    writeRegister(0x1E, static_cast<std::uint16_t>(on ? mode & ~0x0100 : mode | 0x0100));
+}
+
+Bytes Camera::readStream(std::size_t bytes)
+{
+    Read read(*this, bytes);
+    read.send();
+    EXPECT_EQ(read.wait().status, STATUS_SUCCESS);
+    EXPECT_TRUE(read.guardsIntact());
+    return read.bytes();
+}
+
+Bytes Camera::descriptor(std::uint8_t type, std::uint8_t index, std::size_t length, USBD_STATUS status)
+{
+    Bytes data(length);
+    Transfer transfer(lower);
+    auto &request = transfer.urb.UrbControlDescriptorRequest;
+    request.Hdr.Length = sizeof(request);
+    request.Hdr.Function = URB_FUNCTION_GET_DESCRIPTOR_FROM_DEVICE;
+    request.TransferBuffer = data.data();
+    request.TransferBufferLength = static_cast<ULONG>(length);
+    request.DescriptorType = type;
+    request.Index = index;
+    transfer.send();
+    EXPECT_EQ(transfer.wait().usbStatus(), status);
+    data.resize(request.TransferBufferLength);
+    return data;
+}
+
+NTSTATUS Camera::select(int alternate)
+{
+    Bytes configuration = descriptor(USB_CONFIGURATION_DESCRIPTOR_TYPE, 1, 4096);
+    // The number of endpoints, read by hand: this is no test of the USB library.
+    std::size_t endpoints = 0;
+    for (std::size_t at = 0; at + 9 <= configuration.size() && configuration[at] >= 2; at += configuration[at])
+        if (configuration[at + 1] == USB_INTERFACE_DESCRIPTOR_TYPE && configuration[at + 3] == alternate)
+            endpoints = configuration[at + 4];
+    const std::size_t interfaceBytes =
+        offsetof(USBD_INTERFACE_INFORMATION, Pipes) + endpoints * sizeof(USBD_PIPE_INFORMATION);
+    Transfer transfer(lower, sizeof(URB) + interfaceBytes);
+    auto &request = transfer.urb.UrbSelectConfiguration;
+    request.Hdr.Function = URB_FUNCTION_SELECT_CONFIGURATION;
+    request.Hdr.Length = static_cast<USHORT>(offsetof(_URB_SELECT_CONFIGURATION, Interface) + interfaceBytes);
+    request.ConfigurationDescriptor = reinterpret_cast<PUSB_CONFIGURATION_DESCRIPTOR>(configuration.data());
+    request.Interface.Length = static_cast<USHORT>(interfaceBytes);
+    request.Interface.AlternateSetting = static_cast<UCHAR>(alternate);
+    request.Interface.NumberOfPipes = static_cast<ULONG>(endpoints);
+    transfer.send();
+    if (NT_SUCCESS(transfer.wait().status))
+        pipes.assign(request.Interface.Pipes, request.Interface.Pipes + endpoints);
+    return transfer.status;
+}
+
+USBD_PIPE_HANDLE Camera::pipe(std::uint8_t address) const
+{
+    for (const USBD_PIPE_INFORMATION &pipe : pipes)
+        if (pipe.EndpointAddress == address)
+            return pipe.PipeHandle;
+    return nullptr;
+}
+
+NTSTATUS Camera::pipeRequest(USHORT function, USBD_PIPE_HANDLE pipe)
+{
+    Transfer transfer(lower);
+    auto &request = transfer.urb.UrbPipeRequest;
+    request.Hdr.Length = sizeof(request);
+    request.Hdr.Function = function;
+    request.PipeHandle = pipe;
+    transfer.send();
+    return transfer.wait().status;
+}
+
+std::vector<unsigned> lineWords(const Bytes &stream, std::size_t lineBytes)
+{
+    std::vector<unsigned> words;
+    for (std::size_t at = 0; at + 4 <= stream.size(); at += lineBytes) {
+        EXPECT_EQ(stream[at] | stream[at + 1] << 8, 0x3CA5) << "at " << at;
+        words.push_back(static_cast<unsigned>(stream[at + 2] | stream[at + 3] << 8));
+    }
+    return words;
+}
+
+// --------------------------------------------------------------------------------------------------- rig
+
+simbus::PLUG_REQUEST model(unsigned number, bool mono, std::uint32_t flags)
+{
+    simbus::PLUG_REQUEST request = {};
+    request.Model = number;
+    request.Mono = mono;
+    request.Flags = flags;
+    return request;
+}
+
+Rig::Rig(bool manualClock)
+    : machine([&] {
+          ntos::Options options;
+          options.manualClock = manualClock;
+          return options;
+      }())
+{
+    machine.registerDriver({"simbus", SimbusDriverEntry, {VQT_SIMBUS_HARDWARE_ID}});
+    machine.registerDriver({"bare", functionEntry, {VQT_SIMBUS_CAMERA_HARDWARE_ID}});
+    machine.addRootDevice(VQT_SIMBUS_HARDWARE_ID);
+    control_ = machine.open(VQT_SIMBUS_DOS_NAME);
+    EXPECT_TRUE(control_) << std::hex << control_.status();
+}
+
+Rig::~Rig()
+{
+    control_.close();
+    for (const std::string &leak : machine.shutdown().leaks)
+        ADD_FAILURE() << leak;
+}
+
+Camera Rig::plug(const simbus::PLUG_REQUEST &request)
+{
+    newestLower = nullptr;
+    simbus::SLOT_RECORD slot = {};
+    EXPECT_EQ(get(simbus::kIoctlPlug, request, slot).status, STATUS_SUCCESS);
+    machine.settle();
+    Camera camera;
+    camera.slot = slot.Slot;
+    camera.lower = newestLower;
+    EXPECT_NE(camera.lower, nullptr);
+    return camera;
+}
+
+Camera Rig::plug(unsigned number, bool mono)
+{
+    return plug(model(number, mono));
+}
+
+void Rig::unplug(const Camera &camera)
+{
+    EXPECT_EQ(set(simbus::kIoctlUnplug, simbus::SLOT_RECORD{camera.slot}), STATUS_SUCCESS);
+    machine.settle();
+}
+
+ntos::Result Rig::control(std::uint32_t code, const Bytes &in, void *out, std::size_t outLength)
+{
+    return control_.deviceControl(code, in.data(), in.size(), out, outLength);
+}
+
+simbus::CAMERA_STATE Rig::state(const Camera &camera)
+{
+    simbus::CAMERA_STATE state = {};
+    EXPECT_EQ(get(simbus::kIoctlReadState, simbus::SLOT_RECORD{camera.slot}, state).status, STATUS_SUCCESS);
+    return state;
+}
+
+} // namespace wire

@@ -1,0 +1,189 @@
+// Assembly: what each fault of a stream costs, how blocks may be cut, what a change of the window does in the middle of
+// it all, and streams made to break it.
+
+#include "assembly.h"
+
+#include <algorithm>
+#include <atomic>
+#include <random>
+#include <thread>
+
+namespace usbtest {
+namespace {
+
+class FrameTest : public KernelTest {};
+
+std::string must(unsigned expected, unsigned found)
+{
+    return "Must be lineno=" + std::to_string(expected) + ", found lineno=" + std::to_string(found) + "\n";
+}
+
+std::string incorrect(unsigned found, unsigned height = 6)
+{
+    return "Incorrect lineno=" + std::to_string(found) + " > " + std::to_string(height) + "=frame height\n";
+}
+
+TEST_F(FrameTest, EachFaultCostsWhatItMust)
+{
+    const auto check = [&](const char *name, const Stream &stream, const Lines &frames, const Lines &errors,
+                           unsigned height = 6, unsigned bufferBytes = 0, unsigned width = 16) {
+        SCOPED_TRACE(name);
+        Assembly assembly(machine, width, height, 8, bufferBytes);
+        // Line 0 of a following frame and the start of its line 1, so that what is before is complete.
+        assembly.feed(Stream(stream).line(0, 9).header(1).bytes);
+        Lines delivered;
+        std::uint32_t resyncs = 0;
+        for (const Delivered &frame : assembly.delivered) {
+            delivered.push_back(frame.summary());
+            resyncs += frame.header.Resyncs;
+        }
+        EXPECT_EQ(delivered, frames);
+        EXPECT_EQ(assembly.errors, errors);
+        EXPECT_EQ(assembly.ext->Resyncs, resyncs);
+        EXPECT_EQ(assembly.ext->TotalFrames, frames.size());
+        EXPECT_TRUE(assembly.guardsIntact());
+    };
+    const std::string empty = "#0 size 0 resyncs 0 flags 0", whole = "#1 size 96 resyncs 0 flags 0";
+    const auto from = [](unsigned first, unsigned last) { return Stream(16).lines(first, last); };
+
+    check("none", from(0, 5), {empty, whole}, {});
+    check("begins in the middle", from(2, 5).lines(0, 5), {"#0 size 64 resyncs 1 flags 0", whole}, {must(0, 2)});
+    check("three lines lost, one by one", from(0, 0).line(2).line(4), {empty, "#1 size 48 resyncs 3 flags 0"},
+          {must(1, 2), must(3, 4), must(5, 0)});
+    check("the largest number", from(0, 5).header(0x1FFF), {empty, "#1 size 96 resyncs 1 flags 0"}, {incorrect(8191)});
+    check("half signatures", from(0, 2).garbage(9, 0xA5).raw({0x3D, 0x3C, 0xA5}).lines(3, 5), {empty, whole}, {});
+    check("a signature in skipped pixels that names a line",
+          from(0, 2).raw({0xA5, 0x3D, 3, 0}).header(3).garbage(12).lines(4, 5), {empty, "#1 size 80 resyncs 1 flags 0"},
+          {must(4, 5)});
+    check("a frame too long", from(0, 7), {empty, "#1 size 96 resyncs 2 flags 0"}, {incorrect(6), incorrect(7)});
+    // Line 3 is lost: the change of tag on line 4 is counted on top of line 2's flags, and so is the one on line 3,
+    // which comes too late and completes the frame.
+    check("changes of the tag", from(0, 1).line(0x8002).line(0x4004).line(0xC003, 1).header(4),
+          {empty, "#1 size 64 resyncs 2 flags 4"}, {must(3, 4), must(5, 3)});
+    // Lines that a window names but no buffer holds count as lines beyond the frame.
+    check("a window larger than the buffer", from(0, 5), {empty, "#1 size 48 resyncs 3 flags 0"},
+          {incorrect(3, 100), incorrect(4, 100), incorrect(5, 100)}, 100, 16 * 3);
+    check("more lines than a header has room for", from(0, 0).line(1535).line(1536),
+          {empty, "#1 size 32 resyncs 2 flags 0"}, {must(1, 1535), incorrect(1536, 8000)}, 8000);
+    // No sensor has lines like this; a window that was set before a sensor was known could.
+    check("a tail too long", Stream(5000), {}, {"Size=5008 > sizeof(buffer) \n"}, 2, 0, 6000);
+}
+
+// A stream with something of everything: health, garbage, a lost line, a wrong number, signatures inside pixels.
+Stream eventfulStream()
+{
+    Stream stream(8);
+    stream.garbage(3).lines(0, 3, 1).garbage(5, 0xA5).line(0, 2).line(1, 2).line(3, 2).header(9).lines(0, 1, 3);
+    stream.header(2).raw({0xA5, 0x3C, 0xA5, 0xA5, 0x3C, 1, 0, 0xA5}).raw({0x3C}).line(3, 3);
+    stream.lines(0, 3, 4).line(0, 5).header(1);
+    return stream;
+}
+
+std::vector<Delivered> framesOf(ntos::Machine &machine, const Bytes &stream, const std::vector<std::size_t> &cuts)
+{
+    Assembly assembly(machine, 8, 4, 8);
+    std::size_t from = 0;
+    for (const std::size_t cut : cuts) {
+        assembly.feed({stream.data() + from, cut - from});
+        from = cut;
+    }
+    assembly.feed({stream.data() + from, stream.size() - from});
+    EXPECT_TRUE(assembly.guardsIntact());
+    return assembly.delivered;
+}
+
+TEST_F(FrameTest, BlocksCutAnywhereGiveTheSameFrames)
+{
+    const Bytes stream = eventfulStream().bytes;
+    const std::vector<Delivered> whole = framesOf(machine, stream, {});
+    ASSERT_EQ(whole.size(), 5u);
+    std::vector<std::vector<std::size_t>> cuttings;
+    for (std::size_t cut = 0; cut <= stream.size(); ++cut)
+        cuttings.push_back({cut});
+    for (std::size_t every : {1, 2, 3, 5, 11, 12, 13}) {
+        cuttings.emplace_back();
+        for (std::size_t cut = every; cut < stream.size(); cut += every)
+            cuttings.back().push_back(cut);
+    }
+    for (const std::vector<std::size_t> &cuts : cuttings)
+        ASSERT_TRUE(framesOf(machine, stream, cuts) == whole) << "cut at " << cuts[0] << ", " << cuts.size() << " cuts";
+}
+
+TEST_F(FrameTest, WindowChangesInTheMiddleOfAFrame)
+{
+    Assembly assembly(machine, 8, 8, 8);
+    assembly.feed(Stream(8).lines(0, 7, 1).lines(0, 5, 2).bytes);
+    // The driver's window changes first, the camera's a little later: tall frames still come.
+    WriteOnce(assembly.ext->Height, 4);
+    assembly.feed(Stream(8).lines(6, 7, 2).bytes);
+    const Bytes healthy = Stream(8).lines(0, 3, 3).lines(0, 3, 4).line(0, 5).header(1).bytes;
+    assembly.feed(healthy);
+    EXPECT_GT(assembly.ext->Resyncs, 0u);
+    EXPECT_TRUE(assembly.guardsIntact());
+    const Delivered &last = assembly.delivered.back();
+    EXPECT_EQ(last.header.Resyncs, 0u);
+    EXPECT_EQ(last.header.Height, 4u);
+    EXPECT_EQ(last.image, framesOf(machine, healthy, {}).back().image);
+}
+
+// Requests change the window and look at the newest frame while blocks are parsed.
+TEST_F(FrameTest, RequestsMeanwhile)
+{
+    Assembly assembly(machine, 32, 8, 8);
+    assembly.silence();
+    std::atomic<bool> done{false};
+    std::thread requests([&] {
+        for (unsigned turn = 0; !done; ++turn) {
+            WriteOnce(assembly.ext->Width, turn % 2 ? 32 : 16);
+            WriteOnce(assembly.ext->Height, turn % 3 ? 8 : 4);
+            WriteOnce(assembly.ext->BitsPerPixel, turn % 5 ? 8 : 10);
+            const PUCHAR ready = ReadOnce(assembly.ext->FrameReadyPtr);
+            ASSERT_TRUE(ready == nullptr || std::ranges::count(assembly.ext->Frame, ready) == 1);
+            InterlockedExchange(reinterpret_cast<LONG *>(&assembly.ext->TotalFrames), 0);
+        }
+    });
+    const Bytes stream = Stream(32).lines(0, 7, 1).lines(0, 7, 2).bytes;
+    for (unsigned block = 0; block < 2000; ++block)
+        assembly.feed(stream);
+    done = true;
+    requests.join();
+    EXPECT_TRUE(assembly.guardsIntact());
+}
+
+// Random windows, depths and streams that are nearly right: nothing outside the buffers is read or written, whatever is
+// parsed.
+TEST_F(FrameTest, HostileStreams)
+{
+    std::mt19937 random(20260117);
+    const auto below = [&](unsigned limit) { return static_cast<unsigned>(random() % limit); };
+    constexpr unsigned kWindows[] = {0, 1, 4, 7, 8, 16, 20, 500, 1535, 2048, 4097, 0x10000, 0x7FFFFFFF, 0xFFFFFFFF};
+    for (unsigned round = 0; round < 400; ++round) {
+        Assembly assembly(machine, 16, 6, 8, 1 + below(5000));
+        assembly.silence();
+        for (unsigned block = 0; block < 12; ++block) {
+            if (below(3) == 0)
+                WriteOnce(assembly.ext->Width, kWindows[below(std::size(kWindows))]);
+            if (below(3) == 0)
+                WriteOnce(assembly.ext->Height, kWindows[below(std::size(kWindows))]);
+            if (below(4) == 0)
+                WriteOnce(assembly.ext->BitsPerPixel, below(3) == 0 ? below(64) : 8 + 2 * below(2));
+            Stream stream(below(40));
+            for (unsigned item = below(60); item != 0; --item) {
+                const unsigned kind = below(5);
+                if (kind == 0)
+                    stream.garbage(below(30), static_cast<std::uint8_t>(below(2) ? 0xA5 : random()));
+                else if (kind == 1)
+                    stream.header(below(0x10000));
+                else
+                    stream.line(below(8) == 0 ? below(0x10000) : below(8));
+            }
+            assembly.feed(stream.bytes);
+            ASSERT_LE(assembly.ext->SavedLen, kSavedTailSize);
+            ASSERT_LT(assembly.ext->CurFrame, kFrameBuffers);
+        }
+        ASSERT_TRUE(assembly.guardsIntact()) << "round " << round;
+    }
+}
+
+} // namespace
+} // namespace usbtest
