@@ -248,6 +248,11 @@ public:
         const simbus::COMMAND_FAULT fault{code, kind, value, skip, times};
         bay.setCommandFaults(slot, {&fault, 1}, true).value();
     }
+    // Control transfers are answered inside the call that sends them, without the bus's thread.
+    void answerInline(std::uint32_t slot)
+    {
+        askBus(simbus::kIoctlSetMode, pack(simbus::MODE_REQUEST{slot, simbus::kModeInlineControl}));
+    }
     // What the camera answers to a read of configuration 1 from now on; empty: the truth again.
     void configuration(std::uint32_t slot, const Bytes &bytes)
     {

@@ -5,9 +5,16 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
-    static rig::Rig &machine = *new rig::Rig({}, false);
-    static const rig::Camera camera = machine.plug(rig::model(1));
+    // The clock stands still, and with it the stream: reads wait until the stop.
+    static rig::Rig &machine = *new rig::Rig({.manualClock = true}, false);
+    static const rig::Camera camera = [] {
+        simbus::PLUG_REQUEST request = rig::model(1);
+        request.Pace = 1'000'000;
+        return machine.plug(request);
+    }();
     static rig::Handle handle = machine.open(camera);
+    static const bool quick = (machine.answerInline(camera.slot), true);
+    (void)quick;
 
     Input input(data, size);
     const std::uint16_t wanted = input.word();

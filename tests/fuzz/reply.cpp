@@ -8,6 +8,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     static rig::Rig &machine = *new rig::Rig({}, false);
     static rig::Camera camera = machine.plug(rig::model(3, false));
     static rig::Handle handle = machine.open(camera);
+    static const bool quick = (machine.answerInline(camera.slot), true);
+    (void)quick;
 
     constexpr std::uint8_t codes[] = {0x11, 0x12, 0x18, 0x1E, 0x1F, 0x28, 0x2C, 0x2D};
     Input input(data, size);

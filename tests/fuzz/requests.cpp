@@ -3,6 +3,7 @@
 
 #include "tests/driver/rig.h"
 
+#include <array>
 #include <atomic>
 #include <thread>
 
@@ -15,10 +16,12 @@ constexpr std::uint32_t kCodes[] = {
     IOCTL_CancelSnapshot, IOCTL_SetSnapshotParams, IOCTL_SetBitsPerPixel, IOCTL_GetBitsPerPixel,  IOCTL_SlaveRead,
     IOCTL_SlaveWrite,     IOCTL_ResetPipe,       0x222044,               0x22FFFF};
 
+constexpr unsigned kSteps = 6; // of each thread
+
 void play(rig::Rig &machine, const rig::Camera &camera, Input input)
 {
     rig::Handle handle = machine.open(camera);
-    for (unsigned step = 0; step < 12 && !input.empty(); ++step) {
+    for (unsigned step = 0; step < kSteps && !input.empty(); ++step) {
         const std::uint32_t code = kCodes[input.byte() % std::size(kCodes)];
         const std::uint8_t lengths = input.byte();
         constexpr std::size_t ins[] = {0, 1, 2, 4, 8, 26, 63, 64};
@@ -35,39 +38,74 @@ void play(rig::Rig &machine, const rig::Camera &camera, Input input)
     }
 }
 
+// Three threads, kept over the executions.
+class Players {
+public:
+    Players(rig::Rig &machine, const rig::Camera &camera)
+    {
+        for (unsigned number = 0; number < shares_.size(); ++number)
+            std::thread([this, number, &machine, &camera] {
+                for (unsigned round = 0;; ++round) {
+                    round_.wait(round);
+                    play(machine, camera, shares_[number]);
+                    --playing_;
+                }
+            }).detach();
+    }
+    void begin(Input input)
+    {
+        const std::size_t size = input.left();
+        for (Input &share : shares_)
+            share = Input(input.take(1 + size / 3));
+        playing_ = static_cast<unsigned>(shares_.size());
+        ++round_;
+        round_.notify_all();
+    }
+    unsigned playing() const { return playing_; }
+
+private:
+    std::array<Input, 3> shares_{Input(nullptr, 0), Input(nullptr, 0), Input(nullptr, 0)};
+    std::atomic<unsigned> round_{0}, playing_{0};
+};
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
     static rig::Rig &machine = *new rig::Rig({.manualClock = true}, false);
-    static const rig::Camera camera = machine.plug(rig::model(1));
+    static const rig::Camera camera = [] {
+        simbus::PLUG_REQUEST request = rig::model(1);
+        request.Pace = 1'000'000; // a block each time the clock is moved: the stream waits for it as the requests do
+        return machine.plug(request);
+    }();
     static rig::Handle handle = machine.open(camera);
+    static const std::size_t atRest = [] {
+        machine.answerInline(camera.slot);
+        machine.machine.settle();
+        std::size_t waiting = 0; // threads of the machine that wait for work
+        while (machine.machine.clock().waitForWaiters(waiting + 1, nullptr, std::chrono::milliseconds(50)))
+            ++waiting;
+        return waiting;
+    }();
     static const ntos::Counters before = machine.machine.counters();
+    static Players &players = *new Players(machine, camera);
 
     handle.window(rig::window(0, 0, 64, 48));
     handle.set(IOCTL_SetBitsPerPixel, std::uint32_t{8});
 
-    Input input(data, size);
-    std::atomic<unsigned> playing{3};
-    std::thread threads[3];
-    for (std::thread &thread : threads) {
-        const Input share(input.take(1 + size / 3));
-        thread = std::thread([&playing, share] {
-            play(machine, camera, share);
-            --playing;
-        });
-    }
-    // Some requests wait for what no other thread will do: time passes, and what waits without limit is called off.
-    while (playing != 0) {
-        if (!machine.machine.clock().waitForTimedWaiters(1, std::chrono::milliseconds(2)) && playing == 0)
-            break;
+    players.begin(Input(data, size));
+    while (const unsigned playing = players.playing()) {
+        // Once they all wait, and the bus does, nobody but us can let them go: time passes, and what waits without limit
+        // is called off.
+        if (!machine.machine.clock().waitForWaiters(atRest + playing, nullptr, std::chrono::milliseconds(0))) {
+            std::this_thread::sleep_for(std::chrono::microseconds(20));
+            continue;
+        }
         machine.machine.clock().advance(std::chrono::seconds(6));
         handle.file().deviceControl(IOCTL_CancelSnapshot);
         handle.status(0);
         handle.set(IOCTL_SetInterfaceType, std::uint16_t{0});
     }
-    for (std::thread &thread : threads)
-        thread.join();
     if (handle.cameraStatus() != CameraStopped)
         require(handle.status(0) == rig::st::success, "what streams does not stop");
     require(handle.cameraStatus() == CameraStopped, "something is still running");
