@@ -39,9 +39,12 @@ target_compile_options(usbcam_kernel INTERFACE -fno-exceptions -fno-rtti -fno-th
 # As on Windows: unrolling and vectorising further makes stack frames that a kernel stack has no room for.
 target_compile_options(usbcam_kernel INTERFACE $<$<CONFIG:Release>:-O2>)
 
-# Sanitized builds look for faults, not for speed, and are built on every push.
+# Sanitized builds look for faults, not for speed, and are built on every push; fuzzers count executions.
 if(NOT USBCAM_SANITIZE STREQUAL "none")
   set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-O1 -g1")
+  if(USBCAM_FUZZ)
+    set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-O2 -g1")
+  endif()
   # Instrumented code has larger frames, and the compiler sees less far in it.
   target_compile_options(usbcam_standard INTERFACE -Wno-maybe-uninitialized -Wno-stringop-overflow -Wno-array-bounds)
   target_compile_options(usbcam_kernel INTERFACE -Wno-error=frame-larger-than=)

@@ -75,7 +75,12 @@ void CameraDereference(CAMERA *Camera)
 void CameraWake(CAMERA *Camera)
 {
     SPIN_HOLD Hold(&Camera->Lock);
-    if (Camera->Plugged) KeSetEvent(&Camera->Service->Work, IO_NO_INCREMENT, FALSE);
+    if (Camera->Plugged) CameraWakeLocked(Camera);
+}
+
+void CameraWakeLocked(CAMERA *Camera)
+{
+    if (!Camera->ByHand) KeSetEvent(&Camera->Service->Work, IO_NO_INCREMENT, FALSE);
 }
 
 CAMERA_HOLD::CAMERA_HOLD(CAMERA *Camera) : Camera_(Camera)

@@ -65,6 +65,7 @@ struct CAMERA {
     bool ReleaseHeld;
     bool SilentStream, SilentCommands;
     bool InlineControl;
+    bool ByHand;             // served by whoever asks for it
     ULONG Configuration;     // value selected, 0 none
     LONG Alternate;          // -1 none
     ULONG Selections;
@@ -101,8 +102,9 @@ inline void CameraReference(CAMERA *Camera) { InterlockedIncrement(&Camera->Refe
 _IRQL_requires_max_(PASSIVE_LEVEL)
 void CameraDereference(CAMERA *Camera);
 
-// Tells the bus's thread that there is something to serve.
+// Tells the bus's thread that there is something to serve; the second with Lock held, for a camera that is plugged.
 void CameraWake(CAMERA *Camera);
+void CameraWakeLocked(CAMERA *Camera);
 
 // Holds the gate for a control request.
 class CAMERA_HOLD {

@@ -72,6 +72,7 @@ constexpr uint32_t kIoctlSetNextFrame = ControlCode(20);      // NEXT_FRAME_REQU
 constexpr uint32_t kIoctlSetLineFlags = ControlCode(21);      // LINE_FLAGS_REQUEST
 constexpr uint32_t kIoctlSetMode = ControlCode(22);           // MODE_REQUEST
 constexpr uint32_t kIoctlFreeze = ControlCode(23);            // FREEZE_REQUEST
+constexpr uint32_t kIoctlServe = ControlCode(24);             // SLOT_RECORD -> SERVE_REPLY
 
 // PLUG_REQUEST.Flags
 constexpr uint32_t kPlugFullSpeed = 0x01;        // 12 Mbit/s: 64-byte packets, bit 7 of the information byte clear
@@ -141,6 +142,8 @@ constexpr uint32_t kSilentCommands = 0x2;   // commands and replies wait
 
 // MODE_REQUEST.Mode
 constexpr uint32_t kModeInlineControl = 0x1;  // control transfers complete before the submission returns
+constexpr uint32_t kModeByHand = 0x2;         // kIoctlServe serves the camera, the bus's thread does not until it is unplugged
+constexpr uint32_t kModeAll = 0x3;
 
 // The frame counter as the chart shows it: 32 square cells in a row, bit 31 first, on a dark field. A set bit reads
 // kCounterLight, a clear one kCounterDark, in every pixel of its cell, on colour sensors as well. Below, in the rows
@@ -429,6 +432,12 @@ struct MODE_REQUEST {
     uint32_t Mode;
 };
 static_assert(sizeof(MODE_REQUEST) == 8);
+
+// What the bus's thread would do for the camera next, done in the caller's thread; for cameras in kModeByHand.
+struct SERVE_REPLY {
+    uint32_t Moved;            // 0: nothing could be done, or the mode is another
+};
+static_assert(sizeof(SERVE_REPLY) == 4);
 
 // Stops the stream's scene: every frame shows the scene of frame `Frame`, while frame numbers go on for the line faults.
 struct FREEZE_REQUEST {

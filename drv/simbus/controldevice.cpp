@@ -40,6 +40,7 @@ constexpr CONTROL_RULE kRules[] = {
     {kIoctlSetLineFlags, sizeof(LINE_FLAGS_REQUEST), false, 0, ControlSetLineFlags},
     {kIoctlSetMode, sizeof(MODE_REQUEST), false, 0, ControlSetMode},
     {kIoctlFreeze, sizeof(FREEZE_REQUEST), false, 0, ControlFreeze},
+    {kIoctlServe, sizeof(SLOT_RECORD), false, sizeof(SERVE_REPLY), ControlServe},
 };
 
 CONTROL_NODE *NodeOfControl(PDEVICE_OBJECT DeviceObject) { return static_cast<CONTROL_NODE *>(DeviceObject->DeviceExtension); }

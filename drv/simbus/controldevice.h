@@ -61,6 +61,6 @@ CONTROL_ROUTINE ControlSetScene, ControlSetDefects, ControlSetFlash, ControlTrig
     ControlReadLog, ControlSetPace, ControlWriteRegister, ControlSetNextFrame, ControlSetLineFlags, ControlFreeze;
 // controlfaults.cpp: what is to go wrong.
 CONTROL_ROUTINE ControlSetLineFaults, ControlSetCommandFaults, ControlSetBulkFaults, ControlReleaseHeld, ControlSetDescriptor,
-    ControlSetSilence, ControlSetMode;
+    ControlSetSilence, ControlSetMode, ControlServe;
 
 }  // namespace simbus

@@ -1,4 +1,5 @@
 #include "controldevice.h"
+#include "usbstack.h"
 
 namespace simbus {
 
@@ -105,11 +106,24 @@ NTSTATUS ControlSetSilence(CONTROL_CALL &Call)
 NTSTATUS ControlSetMode(CONTROL_CALL &Call)
 {
     const MODE_REQUEST Request = Call.Record<MODE_REQUEST>();
-    if ((Request.Mode & ~kModeInlineControl) != 0) return STATUS_INVALID_PARAMETER;
+    if ((Request.Mode & ~kModeAll) != 0) return STATUS_INVALID_PARAMETER;
     CAMERA_REFERENCE Camera(Call.Bus, Request.Slot);
     if (!Camera) return STATUS_NO_SUCH_DEVICE;
-    SPIN_HOLD Hold(&Camera->Lock);
-    Camera->InlineControl = (Request.Mode & kModeInlineControl) != 0;
+    {
+        SPIN_HOLD Hold(&Camera->Lock);
+        Camera->InlineControl = (Request.Mode & kModeInlineControl) != 0;
+        Camera->ByHand = (Request.Mode & kModeByHand) != 0;
+    }
+    CameraWake(Camera.Get());
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS ControlServe(CONTROL_CALL &Call)
+{
+    CAMERA_REFERENCE Camera(Call.Bus, Call.Record<SLOT_RECORD>().Slot);
+    if (!Camera) return STATUS_NO_SUCH_DEVICE;
+    LONGLONG Due = kNever;
+    Call.Reply(SERVE_REPLY{UsbServe(Camera.Get(), true, &Due) ? 1u : 0u});
     return STATUS_SUCCESS;
 }
 

@@ -25,7 +25,7 @@ bool ServeAll(BUS *Bus, LONGLONG *Due)
     }
     bool Any = false;
     for (ULONG i = 0; i < Count; ++i) {
-        Any = UsbServe(Cameras[i], Due) || Any;
+        Any = UsbServe(Cameras[i], false, Due) || Any;
         CameraDereference(Cameras[i]);
     }
     return Any;

@@ -120,7 +120,7 @@ bool QueuePipe(CAMERA *Camera, PIRP Irp, USBD_STATUS *Status)
         }
         IoMarkIrpPending(Irp);
         Cancelled = !TransferInsert(Transfer->Stream ? &Camera->Reads : &Camera->Others, Irp, false);
-        if (!Cancelled) KeSetEvent(&Camera->Service->Work, IO_NO_INCREMENT, FALSE);
+        if (!Cancelled) CameraWakeLocked(Camera);
     }
     if (Cancelled) CompletePended(Camera, Irp, USBD_STATUS_CANCELED);
     return false;
@@ -183,7 +183,7 @@ NTSTATUS SubmitControl(CAMERA *Camera, PIRP Irp)
         } else {
             IoMarkIrpPending(Irp);
             if (!TransferInsert(&Camera->Controls, Irp, false)) Way = Cancelled;
-            else KeSetEvent(&Camera->Service->Work, IO_NO_INCREMENT, FALSE);
+            else CameraWakeLocked(Camera);
         }
     }
     if (Way == Gone) return Refuse(Irp, TransferOf(Irp)->Urb, USBD_STATUS_DEVICE_GONE);
@@ -385,18 +385,20 @@ NTSTATUS UsbInternalControl(PDEVICE_OBJECT DeviceObject, PIRP Irp)
 }
 
 _Use_decl_annotations_
-bool UsbServe(CAMERA *Camera, LONGLONG *Due)
+bool UsbServe(CAMERA *Camera, bool ByHand, LONGLONG *Due)
 {
-    bool Plugged = false, Waiting = false;
+    bool Plugged = false, Waiting = false, Ours = false;
     {
         SPIN_HOLD Hold(&Camera->Lock);
         Plugged = Camera->Plugged;
+        Ours = Camera->ByHand == ByHand;
         Waiting = !IsListEmpty(&Camera->Controls) || !IsListEmpty(&Camera->Delayed) || !IsListEmpty(&Camera->Reads);
     }
     if (!Plugged) {
-        UsbFlush(Camera);
+        if (!ByHand) UsbFlush(Camera);
         return false;
     }
+    if (!Ours) return false;
     LIST_ENTRY Done;
     InitializeListHead(&Done);
     bool Any = ServeReleased(Camera, &Done);

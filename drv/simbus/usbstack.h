@@ -16,10 +16,11 @@ namespace simbus {
 // IRP_MJ_INTERNAL_DEVICE_CONTROL of a camera's device object.
 DRIVER_DISPATCH UsbInternalControl;
 
-// Serves what one camera has waiting. True when something was done. *Due is lowered to the system time at which there will
-// be something to do without being woken.
+// Serves what one camera has waiting, if the caller (the bus's thread, or whoever does its work by hand) is the one to.
+// True when something was done. *Due is lowered to the system time at which there will be something to do without being
+// woken.
 _IRQL_requires_max_(PASSIVE_LEVEL)
-bool UsbServe(CAMERA *Camera, LONGLONG *Due);
+bool UsbServe(CAMERA *Camera, bool ByHand, LONGLONG *Due);
 
 // Ends everything queued, held reads included.
 _IRQL_requires_max_(PASSIVE_LEVEL)

@@ -248,10 +248,18 @@ public:
         const simbus::COMMAND_FAULT fault{code, kind, value, skip, times};
         bay.setCommandFaults(slot, {&fault, 1}, true).value();
     }
-    // Control transfers are answered inside the call that sends them, without the bus's thread.
-    void answerInline(std::uint32_t slot)
+    // From now on nothing but the caller's own threads moves the camera: commands are answered inside the call that
+    // sends them, and reads are filled by serve().
+    void byHand(std::uint32_t slot)
     {
-        askBus(simbus::kIoctlSetMode, pack(simbus::MODE_REQUEST{slot, simbus::kModeInlineControl}));
+        bay.setMode(slot, simbus::kModeAll).value();
+    }
+    // True when something was done.
+    bool serve(std::uint32_t slot)
+    {
+        simbus::SERVE_REPLY reply{};
+        askBus(simbus::kIoctlServe, pack(simbus::SLOT_RECORD{slot}), {reinterpret_cast<std::uint8_t *>(&reply), sizeof reply});
+        return reply.Moved != 0;
     }
     // What the camera answers to a read of configuration 1 from now on; empty: the truth again.
     void configuration(std::uint32_t slot, const Bytes &bytes)

@@ -6,14 +6,14 @@
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
     // The clock stands still, and with it the stream: reads wait until the stop.
-    static rig::Rig &machine = *new rig::Rig({.manualClock = true}, false);
+    static rig::Rig &machine = *new rig::Rig({.manualClock = true, .fillPool = false, .sharedPool = false}, false);
     static const rig::Camera camera = [] {
         simbus::PLUG_REQUEST request = rig::model(1);
         request.Pace = 1'000'000;
         return machine.plug(request);
     }();
     static rig::Handle handle = machine.open(camera);
-    static const bool quick = (machine.answerInline(camera.slot), true);
+    static const bool quick = (machine.byHand(camera.slot), true);
     (void)quick;
 
     Input input(data, size);

@@ -80,7 +80,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     }();
     static rig::Handle handle = machine.open(camera);
     static const std::size_t atRest = [] {
-        machine.answerInline(camera.slot);
+        machine.byHand(camera.slot);
         machine.machine.settle();
         std::size_t waiting = 0; // threads of the machine that wait for work
         while (machine.machine.clock().waitForWaiters(waiting + 1, nullptr, std::chrono::milliseconds(50)))

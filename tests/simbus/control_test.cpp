@@ -37,6 +37,7 @@ const Shape kShapes[] = {
     {kIoctlSetLineFlags, sizeof(LINE_FLAGS_REQUEST), 0},
     {kIoctlSetMode, sizeof(MODE_REQUEST), 0},
     {kIoctlFreeze, sizeof(FREEZE_REQUEST), 0},
+    {kIoctlServe, sizeof(SLOT_RECORD), sizeof(SERVE_REPLY)},
 };
 
 TEST(Control, LengthsAreExact)
@@ -66,7 +67,7 @@ TEST(Control, LengthsAreExact)
             EXPECT_TRUE(refusal == STATUS_NO_SUCH_DEVICE || refusal == STATUS_INVALID_PARAMETER) << refusal;
         }
     }
-    for (const std::uint32_t code : {ControlCode(24), kIoctlPlug | 3})
+    for (const std::uint32_t code : {ControlCode(25), kIoctlPlug | 3})
         EXPECT_EQ(rig.control(code, Bytes(32), out.data(), 64).status, STATUS_INVALID_DEVICE_REQUEST);
 }
 
