@@ -1,6 +1,7 @@
 // Events, semaphores and waits, and the clock that limits of waits go by. One lock guards them all: a wait satisfied and an
 // object signalled are one step.
 #include "ntos/clockwork.h"
+#include "ntos/turns.h"
 
 #include <algorithm>
 #include <chrono>
@@ -200,6 +201,14 @@ NTSTATUS waitForObjects(DISPATCHER_HEADER *const *objects, ULONG count, bool all
         InsertTailList(&objects[i]->WaitListHead, &blocks[i].entry);
     d.waits.push_back(&wait);
     d.changed.notify_all();
+    if (thread->player != nullptr) {
+        guard.unlock();
+        waitForTurn(thread, [&] {
+            std::lock_guard look(d.lock);
+            return wait.done;
+        });
+        guard.lock();
+    }
     while (!wait.done) {
         if (wait.deadline == kForever || d.manual) {
             thread->wake.wait(guard);

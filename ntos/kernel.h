@@ -26,6 +26,8 @@ namespace ntos {
 struct DriverRecord;
 struct Kernel;
 struct DevNode;
+struct Player;
+void offerTurn(_KTHREAD *thread);
 
 // ------------------------------------------------------------------------------------------------------------ objects
 
@@ -73,6 +75,7 @@ struct _KTHREAD {
     struct _NTOS_GUARD_FRAME *guards = nullptr;
     std::string pendingPrefix;     // first half of a two-call print
     struct ThreadExit *exit = nullptr;
+    struct ntos::Player *player = nullptr; // shares the processor with others (Turns)
 };
 
 struct _KPROCESS {
@@ -127,6 +130,8 @@ inline bool enter(const Door &door)
     _KTHREAD *thread = currentThread();
     if (thread->irql > door.maxIrql)
         violate("called above its level", door.routine, text("irql %u, at most %u", thread->irql, door.maxIrql), 0xC4, 0x30);
+    if (__builtin_expect(thread->player != nullptr, 0))
+        offerTurn(thread);
     if (__builtin_expect(gHooksArmed.load(std::memory_order_relaxed), 0) && !thread->drivers.empty() &&
         thread->drivers.back() != nullptr && !thread->inHook)
         return enterSlow(door, thread);

@@ -1,5 +1,6 @@
 // Levels, spin locks, fast mutexes and resources, with the rules about who may take what, when and in which order.
 #include "ntos/clockwork.h"
+#include "ntos/turns.h"
 
 #include <sched.h>
 #include <time.h>
@@ -116,6 +117,10 @@ static void takeSpinLock(PKSPIN_LOCK lock, const char *routine)
         ULONG_PTR free = 0;
         if (__atomic_compare_exchange_n(lock, &free, owner, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED))
             break;
+        if (currentThread()->player != nullptr) {
+            waitForTurn(currentThread(), [lock] { return __atomic_load_n(lock, __ATOMIC_RELAXED) == 0; });
+            continue;
+        }
         // The owner may have lost its processor: threads here are the host's, not the kernel's.
         if (turns < 64) {
             sched_yield();
@@ -218,6 +223,14 @@ BOOLEAN acquireResource(PERESOURCE resource, bool exclusive, BOOLEAN wait, const
                 guard.lock();
             }
             r->exclusiveWaiters += exclusive;
+            if (thread->player != nullptr) {
+                guard.unlock();
+                waitForTurn(thread, [&] {
+                    std::lock_guard look(all.lock);
+                    return free();
+                });
+                guard.lock();
+            }
             all.changed.wait(guard, free);
             r->exclusiveWaiters -= exclusive;
         }

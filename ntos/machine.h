@@ -40,6 +40,7 @@ namespace detail {
 struct OpenFile;
 struct PendingIo;
 struct ProcessRecord;
+struct TurnsRecord;
 } // namespace detail
 
 // The I/O status block of a finished request.
@@ -254,6 +255,37 @@ public:
                         std::chrono::milliseconds realLimit = std::chrono::seconds(30)) const;
     // Time to the earliest limit that has not expired.
     std::optional<Ticks> nextExpiry() const;
+};
+
+// ------------------------------------------------------------------------------------------------------------- turns
+
+// Who goes on. The callbacks must not call the kernel.
+struct Deal {
+    std::function<std::size_t(std::size_t count)> next; // one of the players that can, counted from 0 (taken modulo)
+    std::function<bool()> interrupt;                    // at a kernel call: the player's turn ends here; none: never
+};
+
+// Several threads of the kernel that share the calling thread of the program: players. One has its turn until it waits for
+// what is not there, or is interrupted at a kernel call; then another one that can goes on. The same choices give the same
+// run, whatever the machine is busy with, and a run in which nobody can go on is a deadlock and known at once.
+//
+// What a player waits for must come from another player, or without anybody's wait: plugging, power requests and whatever
+// else is done by the machine's own threads has no place here. Manual clock: no player's limit passes by itself.
+class Turns {
+public:
+    Turns();
+    ~Turns();
+    Turns(const Turns &) = delete;
+    Turns &operator=(const Turns &) = delete;
+
+    // Runs a player for each routine until the last one returns; routines must not throw. False: nobody can go on. They
+    // are still where they wait: when something has been brought about for them, run() without routines goes on.
+    [[nodiscard]] bool run(std::span<const std::function<void()>> routines, const Deal &deal);
+    // The calling player goes on when nobody else can.
+    static void standBack();
+
+private:
+    std::unique_ptr<detail::TurnsRecord> turns_;
 };
 
 // ------------------------------------------------------------------------------------------------------------- trace

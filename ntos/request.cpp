@@ -6,6 +6,7 @@
 
 #include "ntos/clockwork.h"
 #include "ntos/memory.h"
+#include "ntos/turns.h"
 
 namespace ntos {
 
@@ -140,6 +141,11 @@ void finishIo(PIRP irp, IrpRecord &record)
 
 Result waitForIo(detail::PendingIo &io)
 {
+    if (_KTHREAD *thread = currentThread(); thread->player != nullptr)
+        waitForTurn(thread, [&] {
+            std::lock_guard look(io.lock);
+            return io.done;
+        });
     std::unique_lock guard(io.lock);
     while (!io.done) {
         io.finished.wait(guard, [&] { return io.done || io.cancelled; });

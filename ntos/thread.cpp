@@ -6,6 +6,7 @@
 
 #include "ntos/clockwork.h"
 #include "ntos/io.h"
+#include "ntos/thread.h"
 
 struct ThreadExit {
     jmp_buf buffer;
@@ -30,16 +31,6 @@ struct Attachment {
 };
 thread_local _KTHREAD *tlsThread = nullptr;
 thread_local Attachment tlsAttachment;
-
-ThreadObject *newThread()
-{
-    auto *object = new ThreadObject;
-    _KTHREAD &thread = object->thread;
-    initializeObject(thread.header, kThreadObject, 0);
-    thread.id = gThreadIds.fetch_add(4);
-    registerObject(&thread, object);
-    return object;
-}
 
 void adopt(_KTHREAD &thread)
 {
@@ -97,6 +88,27 @@ std::size_t objectReferencesLeft(ObjectType type)
         if (header->type == type && header->references > 1)
             left++;
     return left;
+}
+
+ThreadObject *newThread()
+{
+    auto *object = new ThreadObject;
+    _KTHREAD &thread = object->thread;
+    initializeObject(thread.header, kThreadObject, 0);
+    thread.id = gThreadIds.fetch_add(4);
+    registerObject(&thread, object);
+    return object;
+}
+
+void releaseThread(ThreadObject *thread)
+{
+    dropReference(&thread->thread, thread);
+}
+
+_KTHREAD *switchThread(_KTHREAD *thread)
+{
+    currentThread();
+    return std::exchange(tlsThread, thread);
 }
 
 _KTHREAD *currentThread()

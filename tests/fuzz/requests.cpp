@@ -1,11 +1,11 @@
-// Requests of any code with buffers of any length, from three threads at once.
+// Requests of any code with buffers of any length, from three threads at once, and the bus at work between them. The
+// threads are players of one processor: the input says what they ask for and where they interrupt each other.
 #include "input.h"
 
 #include "tests/driver/rig.h"
 
 #include <array>
-#include <atomic>
-#include <thread>
+#include <functional>
 
 namespace {
 
@@ -15,14 +15,41 @@ constexpr std::uint32_t kCodes[] = {
     IOCTL_SetInterfaceType, IOCTL_HwCommand,     IOCTL_GetCameraStatus,  IOCTL_GetFramePtr,       IOCTL_GetSnapshot,
     IOCTL_CancelSnapshot, IOCTL_SetSnapshotParams, IOCTL_SetBitsPerPixel, IOCTL_GetBitsPerPixel,  IOCTL_SlaveRead,
     IOCTL_SlaveWrite,     IOCTL_ResetPipe,       0x222044,               0x22FFFF};
+constexpr unsigned kServe = std::size(kCodes), kStop = kServe + 1, kChoices = kStop + 1;
 
-constexpr unsigned kSteps = 6; // of each thread
+constexpr unsigned kSteps = 6; // of each player
 
-void play(rig::Rig &machine, const rig::Camera &camera, Input input)
-{
+struct Bay {
+    rig::Rig machine{{.manualClock = true, .fillPool = false}, false};
+    rig::Camera camera = machine.plug(rig::model(1));
     rig::Handle handle = machine.open(camera);
+    ntos::Counters before;
+    ntos::Turns turns;
+
+    Bay()
+    {
+        machine.byHand(camera.slot);
+        // Blocks of little more than a frame, and nothing to draw: it is not the bus that is tested.
+        const simbus::BULK_FAULT brief{simbus::kBulkShort, 0, 4096, 0xFFFFFFFF};
+        machine.bay.setBulkFaults(camera.slot, {&brief, 1}).value();
+        machine.bay.setFlat(camera.slot, 0x200).value();
+        before = machine.machine.counters();
+    }
+};
+
+void play(Bay &bay, Input &input)
+{
+    rig::Handle handle = bay.machine.open(bay.camera);
     for (unsigned step = 0; step < kSteps && !input.empty(); ++step) {
-        const std::uint32_t code = kCodes[input.byte() % std::size(kCodes)];
+        const unsigned choice = input.byte() % kChoices;
+        if (choice >= kServe) {
+            if (choice == kServe)
+                bay.machine.serve(bay.camera.slot);
+            else
+                handle.set(IOCTL_SetCameraStatus, std::uint8_t{0});
+            continue;
+        }
+        const std::uint32_t code = kCodes[choice];
         const std::uint8_t lengths = input.byte();
         constexpr std::size_t ins[] = {0, 1, 2, 4, 8, 26, 63, 64};
         constexpr std::size_t outs[] = {0, 1, 4, 8, 17, 26, 64, 64 * 48 + 4096};
@@ -38,78 +65,61 @@ void play(rig::Rig &machine, const rig::Camera &camera, Input input)
     }
 }
 
-// Three threads, kept over the executions.
-class Players {
-public:
-    Players(rig::Rig &machine, const rig::Camera &camera)
-    {
-        for (unsigned number = 0; number < shares_.size(); ++number)
-            std::thread([this, number, &machine, &camera] {
-                for (unsigned round = 0;; ++round) {
-                    round_.wait(round);
-                    play(machine, camera, shares_[number]);
-                    --playing_;
-                }
-            }).detach();
+// Goes on when the others all wait, or are through: the bus serves what it can, then time passes, and what waits without
+// limit is called off.
+void tidy(Bay &bay, const unsigned &playing)
+{
+    while (playing != 0) {
+        ntos::Turns::standBack();
+        if (bay.machine.serve(bay.camera.slot))
+            continue;
+        bay.machine.machine.clock().advance(std::chrono::seconds(6));
+        bay.handle.file().deviceControl(IOCTL_CancelSnapshot);
+        bay.handle.status(0);
+        bay.handle.set(IOCTL_SetInterfaceType, std::uint16_t{0});
     }
-    void begin(Input input)
-    {
-        const std::size_t size = input.left();
-        for (Input &share : shares_)
-            share = Input(input.take(1 + size / 3));
-        playing_ = static_cast<unsigned>(shares_.size());
-        ++round_;
-        round_.notify_all();
-    }
-    unsigned playing() const { return playing_; }
-
-private:
-    std::array<Input, 3> shares_{Input(nullptr, 0), Input(nullptr, 0), Input(nullptr, 0)};
-    std::atomic<unsigned> round_{0}, playing_{0};
-};
+}
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
-    static rig::Rig &machine = *new rig::Rig({.manualClock = true}, false);
-    static const rig::Camera camera = [] {
-        simbus::PLUG_REQUEST request = rig::model(1);
-        request.Pace = 1'000'000; // a block each time the clock is moved: the stream waits for it as the requests do
-        return machine.plug(request);
-    }();
-    static rig::Handle handle = machine.open(camera);
-    static const std::size_t atRest = [] {
-        machine.byHand(camera.slot);
-        machine.machine.settle();
-        std::size_t waiting = 0; // threads of the machine that wait for work
-        while (machine.machine.clock().waitForWaiters(waiting + 1, nullptr, std::chrono::milliseconds(50)))
-            ++waiting;
-        return waiting;
-    }();
-    static const ntos::Counters before = machine.machine.counters();
-    static Players &players = *new Players(machine, camera);
-
+    static Bay &bay = *new Bay;
+    rig::Handle &handle = bay.handle;
     handle.window(rig::window(0, 0, 64, 48));
     handle.set(IOCTL_SetBitsPerPixel, std::uint32_t{8});
 
-    players.begin(Input(data, size));
-    while (const unsigned playing = players.playing()) {
-        // Once they all wait, and the bus does, nobody but us can let them go: time passes, and what waits without limit
-        // is called off.
-        if (!machine.machine.clock().waitForWaiters(atRest + playing, nullptr, std::chrono::milliseconds(0))) {
-            std::this_thread::sleep_for(std::chrono::microseconds(20));
-            continue;
-        }
-        machine.machine.clock().advance(std::chrono::seconds(6));
-        handle.file().deviceControl(IOCTL_CancelSnapshot);
-        handle.status(0);
-        handle.set(IOCTL_SetInterfaceType, std::uint16_t{0});
-    }
+    Input input(data, size);
+    Input turns(input.take(size / 4));
+    std::array<Input, 3> shares{input, input, input};
+    for (Input &share : shares)
+        share = Input(input.take(1 + size / 4));
+
+    // A byte of the turns: how many kernel calls to the next interruption, and who goes on.
+    unsigned calls = turns.byte(), who = 0;
+    const ntos::Deal deal{[&](std::size_t) { return std::size_t{who}; },
+                          [&] {
+                              if (turns.empty() || calls-- != 0)
+                                  return false;
+                              const unsigned byte = turns.byte();
+                              calls = byte & 0x3F;
+                              who = byte >> 6;
+                              return true;
+                          }};
+    unsigned playing = static_cast<unsigned>(shares.size());
+    std::array<std::function<void()>, 4> players;
+    for (std::size_t i = 0; i < shares.size(); ++i)
+        players[i] = [&, i] {
+            play(bay, shares[i]);
+            --playing;
+        };
+    players.back() = [&] { tidy(bay, playing); };
+    require(bay.turns.run(players, deal), "nobody can go on");
+
     if (handle.cameraStatus() != CameraStopped)
         require(handle.status(0) == rig::st::success, "what streams does not stop");
     require(handle.cameraStatus() == CameraStopped, "something is still running");
-    require(machine.sensor(camera).PendingReads == 0, "a read is still pending");
-    require(machine.machine.counters().requests == before.requests, "a request is left");
+    require(bay.machine.sensor(bay.camera).PendingReads == 0, "a read is still pending");
+    require(bay.machine.machine.counters().requests == bay.before.requests, "a request is left");
     return 0;
 }

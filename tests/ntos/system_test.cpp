@@ -1,6 +1,7 @@
 // Time, Plug and Play, power, processes, the trace.
 #include "driver.h"
 
+#include <set>
 #include <thread>
 
 #include <excpt.h>
@@ -245,6 +246,74 @@ TEST_F(LayerTest, PrintsAreFormattedAsTheKernelDoes)
     machine.trace().enable(false);
     DbgPrint("%s", reinterpret_cast<const char *>(1)); // refused before anything is formatted
     EXPECT_EQ(6u, machine.trace().since(mark).size());
+}
+
+// Two players, with a lock that both want and an event that one of them waits for.
+TEST_F(ManualClockTest, PlayersShareOneProcessor)
+{
+    const auto run = [&](std::uint64_t seed) {
+        KEVENT event;
+        KeInitializeEvent(&event, SynchronizationEvent, FALSE);
+        KSPIN_LOCK lock;
+        KeInitializeSpinLock(&lock);
+        std::string order;
+        int inside = 0;
+        const auto round = [&](char name) {
+            KIRQL old;
+            KeAcquireSpinLock(&lock, &old);
+            EXPECT_EQ(1, ++inside);
+            order += name;
+            (void)KeReadStateEvent(&event); // a call at which a turn may end
+            EXPECT_EQ(0, --inside);
+            KeReleaseSpinLock(&lock, old);
+        };
+        const std::function<void()> players[] = {
+            [&] {
+                for (int i = 0; i < 20; i++)
+                    round('a');
+                KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr);
+                order += 'A';
+            },
+            [&] {
+                for (int i = 0; i < 20; i++)
+                    round('b');
+                ntos::Turns::standBack();
+                order += 'B';
+                KeSetEvent(&event, IO_NO_INCREMENT, FALSE);
+            },
+        };
+        std::uint64_t state = seed;
+        const auto draw = [&state] { return (state = state * 6364136223846793005u + 1442695040888963407u) >> 40; };
+        ntos::Turns turns;
+        EXPECT_TRUE(turns.run(players, {[&](std::size_t) { return draw(); }, [&] { return draw() % 3 == 0; }}));
+        EXPECT_TRUE(order.ends_with("BA")) << order;
+        return order;
+    };
+    std::set<std::string> orders;
+    for (const std::uint64_t seed : {1u, 2u, 3u}) {
+        const std::string order = run(seed);
+        EXPECT_EQ(order, run(seed));
+        orders.insert(order);
+    }
+    EXPECT_EQ(3u, orders.size());
+}
+
+TEST_F(ManualClockTest, PlayersThatWaitForEachOtherAreKnown)
+{
+    KEVENT events[2];
+    for (KEVENT &event : events)
+        KeInitializeEvent(&event, NotificationEvent, FALSE);
+    std::vector<std::function<void()>> players;
+    for (int i = 0; i < 2; i++)
+        players.push_back([&events, i] {
+            KeWaitForSingleObject(&events[i], Executive, KernelMode, FALSE, nullptr);
+            KeSetEvent(&events[1 - i], IO_NO_INCREMENT, FALSE);
+        });
+    const ntos::Deal deal{[](std::size_t) { return 0u; }, {}};
+    ntos::Turns turns;
+    EXPECT_FALSE(turns.run(players, deal));
+    KeSetEvent(&events[1], IO_NO_INCREMENT, FALSE);
+    EXPECT_TRUE(turns.run({}, deal));
 }
 
 } // namespace nt_test
