@@ -17,7 +17,8 @@ struct PoolBlock {
 };
 
 void configurePool(const Options &options);
-void *poolAllocate(std::size_t size, ULONG tag, DriverRecord *owner);
+// Blocks of a page and more can be mapped into a process, unless nobody is going to.
+void *poolAllocate(std::size_t size, ULONG tag, DriverRecord *owner, bool mappable = true);
 void poolFree(void *address, const char *routine, std::optional<ULONG> tag = {});
 std::optional<PoolBlock> poolBlockAround(const void *address, std::size_t length);
 std::vector<PoolBlock> poolBlocksOf(const DriverRecord *owner);

@@ -145,7 +145,7 @@ void configurePool(const Options &options)
     pool().options = options;
 }
 
-void *poolAllocate(std::size_t size, ULONG tag, DriverRecord *owner)
+void *poolAllocate(std::size_t size, ULONG tag, DriverRecord *owner, bool mappable)
 {
     Pool &p = pool();
     Options options;
@@ -159,7 +159,7 @@ void *poolAllocate(std::size_t size, ULONG tag, DriverRecord *owner)
     block.owner = owner;
     if (size > std::size_t(1) << 40)
         return nullptr;
-    const bool shared = options.sharedPool && size >= PAGE_SIZE && allocateShared(block);
+    const bool shared = mappable && options.sharedPool && size >= PAGE_SIZE && allocateShared(block);
     if (!shared && !allocateHeap(block))
         return nullptr;
     if (options.fillPool && !(shared && options.zeroSharedPool))

@@ -89,7 +89,7 @@ NTSTATUS prepareBuffers(PIRP irp, ULONG code, const void *in, std::size_t inLeng
     if ((inLength != 0 && in == nullptr) || (outLength != 0 && out == nullptr))
         return STATUS_ACCESS_VIOLATION;
     if (system != 0) {
-        record.systemBuffer = poolAllocate(system, kSystemBufferTag, nullptr);
+        record.systemBuffer = poolAllocate(system, kSystemBufferTag, nullptr, false);
         if (record.systemBuffer == nullptr)
             return STATUS_INSUFFICIENT_RESOURCES;
         if (inLength != 0)
@@ -412,7 +412,7 @@ static Result transfer(const std::shared_ptr<detail::OpenFile> &file, UCHAR majo
         if (length != 0 && buffer == nullptr)
             return STATUS_ACCESS_VIOLATION;
         if ((flags & DO_BUFFERED_IO) && length != 0) {
-            record.systemBuffer = poolAllocate(length, kSystemBufferTag, nullptr);
+            record.systemBuffer = poolAllocate(length, kSystemBufferTag, nullptr, false);
             if (record.systemBuffer == nullptr)
                 return STATUS_INSUFFICIENT_RESOURCES;
             if (major == IRP_MJ_WRITE)

@@ -2,7 +2,6 @@
 #include "ntos/turns.h"
 
 #include <sys/mman.h>
-#include <ucontext.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -21,6 +20,42 @@
 
 #include "ntos/thread.h"
 
+#ifndef __x86_64__
+#error "the switch of stacks is written for x86-64"
+#endif
+
+// Leaves the registers that a call keeps on the stack, its top in *from, and goes on where the other stack was left.
+// ucontext would do, but asks the host's kernel for the signal mask each time, and the sanitizers sweep the whole stack.
+extern "C" void ntosSwitchStacks(void **from, void *to);
+extern "C" void ntosFirstTurn();
+asm(R"(
+    .text
+    .type ntosSwitchStacks, @function
+ntosSwitchStacks:
+    pushq %rbp
+    pushq %rbx
+    pushq %r12
+    pushq %r13
+    pushq %r14
+    pushq %r15
+    movq %rsp, (%rdi)
+    movq %rsi, %rsp
+    popq %r15
+    popq %r14
+    popq %r13
+    popq %r12
+    popq %rbx
+    popq %rbp
+    ret
+    .size ntosSwitchStacks, . - ntosSwitchStacks
+    .type ntosFirstTurn, @function
+ntosFirstTurn:
+    movq %r13, %rdi
+    callq *%r12
+    ud2
+    .size ntosFirstTurn, . - ntosFirstTurn
+)");
+
 namespace ntos {
 
 namespace {
@@ -30,7 +65,7 @@ constexpr std::size_t kGuard = 4096;
 
 // A place to go on from. The sanitizers follow: each has to be told of the other stack.
 struct Context {
-    ucontext_t machine{};
+    void *top = nullptr;   // of the stack, while somebody else has the turn
     void *stack = nullptr; // lowest address; null: the program's own
     std::size_t size = 0;
 #ifdef NTOS_TSAN
@@ -60,12 +95,12 @@ struct detail::TurnsRecord {
 
 namespace {
 
-void enterContext([[maybe_unused]] const Context &from, Context &to, ucontext_t &save)
+void enterContext(Context &from, Context &to)
 {
 #ifdef NTOS_TSAN
     __tsan_switch_to_fiber(to.fiber, 0);
 #endif
-    swapcontext(&save, &to.machine);
+    ntosSwitchStacks(&from.top, to.top);
 }
 
 void toProgram(Player &player)
@@ -75,7 +110,7 @@ void toProgram(Player &player)
     void *fake = nullptr;
     __sanitizer_start_switch_fiber(&fake, turns.programStack, turns.programStackSize);
 #endif
-    enterContext(player.context, turns.program, player.context.machine);
+    enterContext(player.context, turns.program);
 #ifdef NTOS_ASAN
     __sanitizer_finish_switch_fiber(fake, &turns.programStack, &turns.programStackSize);
 #endif
@@ -89,7 +124,7 @@ void toPlayer(Player &player)
     void *fake = nullptr;
     __sanitizer_start_switch_fiber(&fake, player.context.stack, player.context.size);
 #endif
-    enterContext(turns.program, player.context, turns.program.machine);
+    enterContext(turns.program, player.context);
 #ifdef NTOS_ASAN
     __sanitizer_finish_switch_fiber(fake, nullptr, nullptr);
 #endif
@@ -97,9 +132,9 @@ void toPlayer(Player &player)
 }
 
 // The contexts are kept from one run to the next.
-void playerMain(unsigned high, unsigned low)
+void playerMain(void *argument)
 {
-    auto &player = *reinterpret_cast<Player *>(std::uintptr_t{high} << 32 | low);
+    auto &player = *static_cast<Player *>(argument);
 #ifdef NTOS_ASAN
     __sanitizer_finish_switch_fiber(nullptr, &player.turns->programStack, &player.turns->programStackSize);
 #endif
@@ -118,13 +153,13 @@ void makeContext(Player &player)
     Context &context = player.context;
     context.stack = static_cast<char *>(memory) + kGuard;
     context.size = kStack;
-    getcontext(&context.machine);
-    context.machine.uc_stack.ss_sp = context.stack;
-    context.machine.uc_stack.ss_size = context.size;
-    context.machine.uc_link = nullptr;
-    const auto address = reinterpret_cast<std::uintptr_t>(&player);
-    makecontext(&context.machine, reinterpret_cast<void (*)()>(playerMain), 2, static_cast<unsigned>(address >> 32),
-                static_cast<unsigned>(address));
+    // What ntosSwitchStacks takes off the stack: r15, r14, r13, r12, rbx, rbp, and where to go on. What is left then is
+    // aligned as a call wants it.
+    auto *top = reinterpret_cast<void **>(static_cast<char *>(context.stack) + kStack) - 9;
+    top[2] = &player;
+    top[3] = reinterpret_cast<void *>(playerMain);
+    top[6] = reinterpret_cast<void *>(ntosFirstTurn);
+    context.top = top;
 #ifdef NTOS_TSAN
     context.fiber = __tsan_create_fiber(0);
 #endif

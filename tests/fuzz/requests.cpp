@@ -24,6 +24,7 @@ struct Bay {
     rig::Camera camera = machine.plug(rig::model(1));
     rig::Handle handle = machine.open(camera);
     ntos::Counters before;
+    std::uint64_t blocks = 0; // of the driver
     ntos::Turns turns;
 
     Bay()
@@ -34,6 +35,7 @@ struct Bay {
         machine.bay.setBulkFaults(camera.slot, {&brief, 1}).value();
         machine.bay.setFlat(camera.slot, 0x200).value();
         before = machine.machine.counters();
+        blocks = machine.machine.pool("42QV").blocks;
     }
 };
 
@@ -120,6 +122,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         require(handle.status(0) == rig::st::success, "what streams does not stop");
     require(handle.cameraStatus() == CameraStopped, "something is still running");
     require(bay.machine.sensor(bay.camera).PendingReads == 0, "a read is still pending");
-    require(bay.machine.machine.counters().requests == bay.before.requests, "a request is left");
+    const ntos::Counters after = bay.machine.machine.counters();
+    require(after.requests == bay.before.requests, "a request is left");
+    require(after.mdls == bay.before.mdls && after.mappings == bay.before.mappings, "memory is still described or mapped");
+    require(after.handles == bay.before.handles, "a handle is left");
+    require(bay.machine.machine.pool("42QV").blocks == bay.blocks, "pool is left");
     return 0;
 }
