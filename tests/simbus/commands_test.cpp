@@ -52,7 +52,7 @@ TEST(Commands, AnswerAsDocumented)
         Half in(camera, true);
         in.send();
         in.wait();
-        return in.reply();
+        return in.bytes();
     };
     for (const auto &test : cases) {
         Half out(camera, false, test.command);
@@ -76,24 +76,22 @@ TEST(Descriptors, CanBeMadeToLie)
     const Bytes truth = camera.descriptor(2, 1, 4096);
     camera.descriptor(2, 2, 9, USBD_STATUS_STALL_PID);
     EXPECT_EQ(camera.select(3), STATUS_UNSUCCESSFUL);
-    const std::size_t last = truth.size() - 7;
-    const auto lie = [&](const Bytes &bytes, std::uint8_t remove = 0, std::uint8_t stall = 0) {
+    const auto lie = [&](const Bytes &bytes, bool stall = false) {
         const auto length = static_cast<std::uint32_t>(bytes.size());
-        const simbus::DESCRIPTOR_REQUEST request{camera.slot, 2, 1, remove, stall, length};
+        const simbus::DESCRIPTOR_REQUEST request{camera.slot, 2, 1, 0, stall, length};
         EXPECT_EQ(rig.set(simbus::kIoctlSetDescriptor, request, bytes), STATUS_SUCCESS);
     };
     // More endpoints promised than described, a part of length 0, a cut part: refused, nothing opened.
-    for (const auto &[at, value] : {std::pair<std::size_t, int>{last - 9 + 4, 2}, {last, 0}, {last, 200}}) {
+    const std::size_t last = truth.size() - 7;
+    for (const auto &[at, value] : {std::pair<std::size_t, std::uint8_t>{last - 9 + 4, 2}, {last, 0}, {last, 200}}) {
         Bytes bad = truth;
-        bad[at] = static_cast<std::uint8_t>(value);
+        bad[at] = value;
         lie(bad);
         EXPECT_EQ(camera.descriptor(2, 1, 4096), bad);
         EXPECT_NE(camera.select(2), STATUS_SUCCESS);
     }
-    lie({}, 0, 1);
+    lie({}, true);
     camera.descriptor(2, 1, 9, USBD_STATUS_STALL_PID);
-    lie({}, 1, 0);
-    EXPECT_EQ(camera.descriptor(2, 1, 4096), truth);
 }
 
 } // namespace

@@ -6,18 +6,15 @@ namespace {
 using wire::Half;
 using wire::Read;
 
-ntos::Device deviceOf(wire::Rig &rig)
-{
-    return rig.machine.devices(VQT_SIMBUS_CAMERA_HARDWARE_ID).at(0);
-}
-
-TEST(Plug, UnplugEndsEverythingPending)
+// Between the unplug and the removal the object is there, the camera is not.
+TEST(Plug, UnplugEndsEverythingPendingAndRefusesTheRest)
 {
     wire::Rig rig;
     for (const bool running : {false, true}) {
         wire::Camera camera = rig.plug(1);
         camera.select(1);
         camera.window(48, 8);
+        const simbus::SLOT_RECORD slot{camera.slot};
         // Slow enough that the long reads are never full.
         ASSERT_EQ(rig.set(simbus::kIoctlSetPace, simbus::PACE_REQUEST{camera.slot, 10'000}), STATUS_SUCCESS);
         ASSERT_EQ(rig.script<simbus::BULK_FAULT>(camera, {{simbus::kBulkHold, 0, 0, 1}}), STATUS_SUCCESS);
@@ -37,40 +34,27 @@ TEST(Plug, UnplugEndsEverythingPending)
         }
         if (running)
             camera.run(true);
-        EXPECT_EQ(rig.set(simbus::kIoctlUnplug, simbus::SLOT_RECORD{camera.slot}), STATUS_SUCCESS);
-        EXPECT_EQ(answer.wait().status, STATUS_NO_SUCH_DEVICE);
-        for (const auto &read : reads) {
-            EXPECT_EQ(read->wait().status, STATUS_NO_SUCH_DEVICE);
-            EXPECT_EQ(read->usbStatus(), USBD_STATUS_DEVICE_GONE);
-            EXPECT_EQ(read->completions, 1);
+        {
+            const std::lock_guard hold(wire::removals);
+            EXPECT_EQ(rig.set(simbus::kIoctlUnplug, slot), STATUS_SUCCESS);
+            EXPECT_EQ(answer.wait().status, STATUS_NO_SUCH_DEVICE);
+            for (const auto &read : reads) {
+                EXPECT_EQ(read->wait().status, STATUS_NO_SUCH_DEVICE);
+                EXPECT_EQ(read->usbStatus(), USBD_STATUS_DEVICE_GONE);
+                EXPECT_EQ(read->completions, 1);
+            }
+            EXPECT_EQ(Read(camera, 100).send(), STATUS_NO_SUCH_DEVICE);
+            EXPECT_EQ(Half(camera, false, {0x11}).send(), STATUS_NO_SUCH_DEVICE);
+            EXPECT_EQ(camera.pipeRequest(URB_FUNCTION_ABORT_PIPE, camera.pipe()), STATUS_NO_SUCH_DEVICE);
+            EXPECT_EQ(rig.state(camera).Plugged, 0u); // what it did can still be read
+            EXPECT_EQ(rig.set(simbus::kIoctlUnplug, slot), STATUS_NO_SUCH_DEVICE);
+            simbus::SLOT_RECORD next = {};
+            EXPECT_EQ(rig.get(simbus::kIoctlPlug, wire::model(2, true), next).status, STATUS_SUCCESS);
+            EXPECT_EQ(next.Slot, camera.slot + 1); // its slot is still taken
+            EXPECT_EQ(rig.set(simbus::kIoctlUnplug, next), STATUS_SUCCESS);
         }
         rig.machine.settle();
     }
-}
-
-// Between the unplug and the removal: the object is there, the camera is not.
-TEST(Plug, AGoneCameraRefuses)
-{
-    wire::Rig rig;
-    wire::Camera camera = rig.plug(1);
-    camera.select(2);
-    const simbus::SLOT_RECORD slot{camera.slot};
-    {
-        const std::lock_guard hold(wire::removals);
-        EXPECT_EQ(rig.set(simbus::kIoctlUnplug, slot), STATUS_SUCCESS);
-        Read read(camera, 100);
-        EXPECT_EQ(read.send(), STATUS_NO_SUCH_DEVICE);
-        EXPECT_EQ(Half(camera, false, {0x11}).send(), STATUS_NO_SUCH_DEVICE);
-        camera.descriptor(2, 1, 9, USBD_STATUS_DEVICE_GONE);
-        EXPECT_EQ(camera.pipeRequest(URB_FUNCTION_ABORT_PIPE, camera.pipe()), STATUS_NO_SUCH_DEVICE);
-        EXPECT_EQ(rig.state(camera).Plugged, 0u); // what it did can still be read
-        EXPECT_EQ(rig.set(simbus::kIoctlUnplug, slot), STATUS_NO_SUCH_DEVICE);
-        simbus::SLOT_RECORD next = {};
-        EXPECT_EQ(rig.get(simbus::kIoctlPlug, wire::model(2, true), next).status, STATUS_SUCCESS);
-        EXPECT_EQ(next.Slot, camera.slot + 1); // its slot is still taken
-    }
-    rig.machine.settle();
-    EXPECT_EQ(rig.plug(2).slot, camera.slot);
 }
 
 TEST(Power, TheBusSendsRequestsItselfAndFailsThem)
@@ -97,23 +81,6 @@ TEST(Power, TheBusSendsRequestsItselfAndFailsThem)
     }
     EXPECT_EQ(rig.state(camera).PowerCycles, 1u);
     EXPECT_EQ(camera.readRegister(0x04), 1279); // the sensor has forgotten
-}
-
-TEST(Power, StopClosesThePipes)
-{
-    wire::Rig rig;
-    wire::Camera camera = rig.plug(1);
-    ntos::Device device = deviceOf(rig);
-    camera.select(2);
-    Read read(camera, 100), stale(camera, 100);
-    read.send();
-    ASSERT_EQ(device.queryStop(), STATUS_SUCCESS);
-    ASSERT_EQ(device.stop(), STATUS_SUCCESS);
-    EXPECT_EQ(read.wait().status, STATUS_CANCELLED);
-    EXPECT_EQ(rig.state(camera).Started, 0u);
-    ASSERT_EQ(device.start(), STATUS_SUCCESS);
-    EXPECT_EQ(stale.send(), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(camera.select(2), STATUS_SUCCESS);
 }
 
 } // namespace

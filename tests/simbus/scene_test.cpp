@@ -91,12 +91,6 @@ TEST(Scene, DefectsShowAndAreListed)
             wanted = 1023;
         ASSERT_EQ(seen[i], wanted) << x << "," << y;
     }
-    // The flash holds the records at its top, in order, and the information their number.
-    EXPECT_EQ(camera.command({0x12})[12], 8);
-    const Bytes flash = camera.command({0x18, 0xD8, 0x7F, 40, 0});
-    ASSERT_EQ(flash.size(), 40u);
-    EXPECT_EQ(Bytes(flash.begin(), flash.begin() + 5), (Bytes{10, 0, 120, 0, 0x80}));
-    EXPECT_EQ(Bytes(flash.begin() + 30, flash.begin() + 35), (Bytes{0, 5, 1, 0, 0}));
 }
 
 } // namespace

@@ -23,10 +23,15 @@ namespace wire {
 
 using Bytes = std::vector<std::uint8_t>;
 
-// One URB on its way. It may be sent once; the destructor waits for its completion.
+class Camera;
+
+// One URB on its way, and the memory that it describes: pool, as a driver's would be. It may be sent once; the
+// destructor waits for its completion.
 class Transfer {
+    Bytes storage_;
+
 public:
-    explicit Transfer(PDEVICE_OBJECT device, std::size_t urbBytes = sizeof(URB));
+    Transfer(const Camera &camera, USHORT function, std::size_t urbLength, const Bytes &data = {}, bool useMdl = false);
     Transfer(const Transfer &) = delete;
     ~Transfer();
 
@@ -34,6 +39,8 @@ public:
     Transfer &wait(); // ends the program when nothing comes for half a minute
     void cancel();
     USBD_STATUS usbStatus() const;
+    std::size_t received() const;
+    Bytes bytes() const; // as many as were received
 
     URB &urb;
     // Of the completion.
@@ -42,48 +49,25 @@ public:
     KIRQL irql = 0;
     const void *thread = nullptr;
 
-protected:
-    void comeBack(); // waits when it was sent: its memory may go
-
 private:
     static NTSTATUS onComplete(PDEVICE_OBJECT device, PIRP irp, PVOID context);
 
     PDEVICE_OBJECT device_;
-    std::unique_ptr<std::uint8_t[]> storage_;
+    std::uint8_t *memory_ = nullptr;
+    PMDL mdl_ = nullptr;
     PIRP irp_ = nullptr;
     std::mutex mutex_;
     std::condition_variable done_;
 };
 
-class Camera;
-
-// A bulk read into guarded memory.
-class Read : public Transfer {
-public:
+struct Read : Transfer {
     Read(const Camera &camera, std::size_t length, USBD_PIPE_HANDLE pipe = nullptr, bool shortOk = true,
          bool useMdl = false);
-    ~Read();
-
-    std::size_t received() const;
-    Bytes bytes() const;
-    bool guardsIntact() const;
-
-private:
-    static constexpr std::size_t kGuard = 64;
-    std::size_t length_;
-    std::uint8_t *memory_; // pool, as a driver's would be
-    PMDL mdl_ = nullptr;
 };
 
 // Half a camera command: the bytes of it, or room for its reply.
-class Half : public Transfer {
-public:
-    Half(const Camera &camera, bool in, Bytes bytes = Bytes(64));
-    ~Half();
-    Bytes reply() const;
-
-private:
-    Bytes bytes_;
+struct Half : Transfer {
+    Half(const Camera &camera, bool in, const Bytes &bytes = Bytes(64));
 };
 
 // A plugged camera as its function driver sees it.
@@ -127,7 +111,7 @@ template <typename T, typename ITEM = std::uint8_t> Bytes packed(const T &record
 
 class Rig {
 public:
-    explicit Rig(bool manualClock = false);
+    explicit Rig(const ntos::Options &options = {});
     ~Rig();
 
     Camera plug(const simbus::PLUG_REQUEST &request);
