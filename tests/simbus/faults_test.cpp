@@ -11,7 +11,7 @@ constexpr unsigned kWidth = 48, kHeight = 8, kLine = 4 + kWidth;
 
 wire::Camera ready(wire::Rig &rig)
 {
-    wire::Camera camera = rig.plug(1);
+    wire::Camera camera = rig.plug();
     camera.select(2);
     camera.window(kWidth, kHeight);
     return camera;
@@ -21,14 +21,15 @@ wire::Camera ready(wire::Rig &rig)
 TEST(LineFaults, NothingLeftOfAnyFrame)
 {
     wire::Rig rig;
-    wire::Camera camera = ready(rig), other = rig.plug(1);
-    ASSERT_EQ(rig.script<simbus::LINE_FAULT>(camera, {{simbus::kEveryFrame, 0, simbus::kLineCut, 0}}), STATUS_SUCCESS);
+    wire::Camera camera = ready(rig), other = rig.plug();
+    const simbus::LINE_FAULT nothing{simbus::kEveryFrame, 0, simbus::kLineCut, 0};
+    rig.bay.setLineFaults(camera.slot, {&nothing, 1}).value();
     Read read(camera, 4096);
     read.send();
     camera.run(true);
     EXPECT_EQ(other.command({0x11}).size(), 9u);
     EXPECT_EQ(read.completions, 0);
-    ASSERT_EQ(rig.script<simbus::LINE_FAULT>(camera, {}), STATUS_SUCCESS);
+    rig.bay.setLineFaults(camera.slot, {}).value();
     read.wait();
     EXPECT_EQ(read.received(), 4096u);
     camera.run(false);
@@ -37,7 +38,7 @@ TEST(LineFaults, NothingLeftOfAnyFrame)
 TEST(CommandFaults, WhatWaitsEndsByReleaseCancelTimeOrSpeech)
 {
     wire::Rig rig({.manualClock = true});
-    wire::Camera camera = rig.plug(1);
+    wire::Camera camera = rig.plug();
     // Sends what has to wait, while the rest of the camera is well.
     const auto begin = [&](Half &half) {
         EXPECT_EQ(half.send(), STATUS_PENDING);
@@ -46,24 +47,21 @@ TEST(CommandFaults, WhatWaitsEndsByReleaseCancelTimeOrSpeech)
     };
     // Sends a command whose answer the fault holds up.
     const auto ask = [&](Half &answer, const simbus::COMMAND_FAULT &fault) {
-        ASSERT_EQ(rig.script<simbus::COMMAND_FAULT>(camera, {fault}), STATUS_SUCCESS);
+        rig.bay.setCommandFaults(camera.slot, {&fault, 1}).value();
         Half command(camera, false, {0x2C, 0});
         command.send();
         EXPECT_EQ(command.wait().status, STATUS_SUCCESS);
         begin(answer);
     };
-    const auto silence = [&](std::uint32_t what) {
-        EXPECT_EQ(rig.set(simbus::kIoctlSetSilence, simbus::SILENCE_REQUEST{camera.slot, what}), STATUS_SUCCESS);
-    };
     for (const std::uint32_t mode : {0u, simbus::kModeInlineControl}) {
-        ASSERT_EQ(rig.set(simbus::kIoctlSetMode, simbus::MODE_REQUEST{camera.slot, mode}), STATUS_SUCCESS);
+        rig.bay.setMode(camera.slot, mode).value();
         for (const bool cancel : {true, false}) {
             Half waiting(camera, true);
             ask(waiting, {0x2C, simbus::kCommandNoAnswer, 0, 0, 1});
             if (cancel)
                 waiting.cancel();
             else
-                EXPECT_EQ(rig.set(simbus::kIoctlReleaseHeld, simbus::SLOT_RECORD{camera.slot}), STATUS_SUCCESS);
+                rig.bay.releaseHeld(camera.slot).value();
             EXPECT_EQ(waiting.wait().status, cancel ? STATUS_CANCELLED : STATUS_SUCCESS);
             EXPECT_EQ(waiting.bytes(), cancel ? Bytes{} : Bytes{0x90});
         }
@@ -75,11 +73,11 @@ TEST(CommandFaults, WhatWaitsEndsByReleaseCancelTimeOrSpeech)
             rig.machine.clock().advance(ntos::Ticks(milliseconds * 10'000 + 1));
         }
         EXPECT_EQ(late.wait().bytes(), Bytes{0x90});
-        silence(simbus::kSilentCommands);
+        rig.bay.setSilence(camera.slot, simbus::kSilentCommands).value();
         Half unheard(camera, false, {0x11}), unanswered(camera, true);
         begin(unheard);
         begin(unanswered);
-        silence(0);
+        rig.bay.setSilence(camera.slot, 0).value();
         EXPECT_EQ(unheard.wait().status, STATUS_SUCCESS);
         EXPECT_EQ(unanswered.wait().received(), 10u);
     }
@@ -111,7 +109,7 @@ TEST(BulkFaults, MeetTheReadsInOrder)
         faults.push_back({row.kind, 0, row.value, 1});
         reads.push_back(std::make_unique<Read>(camera, 1000, nullptr, row.shortOk));
     }
-    ASSERT_EQ(rig.script(camera, faults), STATUS_SUCCESS);
+    rig.bay.setBulkFaults(camera.slot, faults).value();
     for (const auto &read : reads)
         read->send();
     camera.run(true);
@@ -128,7 +126,7 @@ TEST(BulkFaults, MeetTheReadsInOrder)
     const std::vector<unsigned> words = wire::lineWords(all, kLine);
     for (std::size_t i = 0; i < words.size(); ++i)
         EXPECT_EQ(words[i] & 0x1FFF, i % kHeight);
-    EXPECT_EQ(rig.state(camera).Halted, 1u);
+    EXPECT_EQ(rig.bay.state(camera.slot).value().Halted, 1u);
     EXPECT_EQ(camera.pipeRequest(URB_FUNCTION_RESET_PIPE, camera.pipe()), STATUS_SUCCESS);
     EXPECT_EQ(camera.readStream(1000).size(), 1000u);
     camera.run(false);
@@ -138,8 +136,8 @@ TEST(BulkFaults, InlineAndHeldCompletions)
 {
     wire::Rig rig;
     wire::Camera camera = ready(rig);
-    ASSERT_EQ(rig.script<simbus::BULK_FAULT>(camera, {{simbus::kBulkInline, 0, 0, 1}, {simbus::kBulkHold, 0, 0, 2}}),
-              STATUS_SUCCESS);
+    const simbus::BULK_FAULT faults[] = {{simbus::kBulkInline, 0, 0, 1}, {simbus::kBulkHold, 0, 0, 2}};
+    rig.bay.setBulkFaults(camera.slot, faults).value();
     Read atOnce(camera, 100), held(camera, 100), alsoHeld(camera, 100), free(camera, 100);
     EXPECT_EQ(atOnce.send(), STATUS_SUCCESS);
     EXPECT_EQ(atOnce.completions, 1);
@@ -148,12 +146,12 @@ TEST(BulkFaults, InlineAndHeldCompletions)
         read->send();
     camera.run(true);
     free.wait(); // overtakes the two
-    EXPECT_EQ(rig.state(camera).HeldReads, 2u);
+    EXPECT_EQ(rig.bay.state(camera.slot).value().HeldReads, 2u);
     held.cancel(); // too late: the data has arrived
     EXPECT_EQ(camera.pipeRequest(URB_FUNCTION_ABORT_PIPE, camera.pipe()), STATUS_SUCCESS);
     for (Read *read : {&held, &alsoHeld})
         EXPECT_EQ(read->completions, 0);
-    ASSERT_EQ(rig.set(simbus::kIoctlReleaseHeld, simbus::SLOT_RECORD{camera.slot}), STATUS_SUCCESS);
+    rig.bay.releaseHeld(camera.slot).value();
     for (Read *read : {&held, &alsoHeld}) {
         EXPECT_EQ(read->wait().status, STATUS_SUCCESS);
         EXPECT_EQ(read->received(), 100u);

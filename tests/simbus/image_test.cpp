@@ -12,7 +12,7 @@ TEST(Geometry, AnyRegistersGiveAStreamOfTheReportedShape)
     wire::Rig rig;
     const std::uint16_t values[] = {0x0000, 0x0001, 0x0013, 0x0500, 0x07FF, 0x0FFF, 0x7FFF, 0xFFFF};
     for (unsigned number = 1; number <= 3; ++number) {
-        wire::Camera camera = rig.plug(number, false);
+        wire::Camera camera = rig.plug({.model = number, .mono = false});
         camera.select(2);
         unsigned round = 0;
         for (unsigned start : values)
@@ -30,7 +30,7 @@ TEST(Geometry, AnyRegistersGiveAStreamOfTheReportedShape)
                 for (const auto &[index, value] : registers)
                     camera.writeRegister(index, static_cast<std::uint16_t>(value));
                 const Bytes stream = camera.readStream(20'000);
-                const simbus::CAMERA_STATE state = rig.state(camera);
+                const simbus::CAMERA_STATE state = rig.bay.state(camera.slot).value();
                 camera.run(false);
                 ASSERT_TRUE(state.ImageWidth >= 1 && state.ImageWidth <= state.SensorWidth) << state.ImageWidth;
                 ASSERT_TRUE(state.ImageHeight >= 1 && state.ImageHeight <= state.SensorHeight) << state.ImageHeight;
@@ -49,7 +49,7 @@ TEST(Geometry, AnyRegistersGiveAStreamOfTheReportedShape)
 TEST(Geometry, ChangesBeginWithAFrame)
 {
     wire::Rig rig;
-    wire::Camera camera = rig.plug(1);
+    wire::Camera camera = rig.plug();
     camera.select(2);
     camera.window(64, 16);
     camera.run(true);
@@ -65,7 +65,7 @@ TEST(Geometry, ChangesBeginWithAFrame)
 TEST(Trigger, SendsOneFrameThatEndsItsRead)
 {
     wire::Rig rig;
-    wire::Camera camera = rig.plug(2, false);
+    wire::Camera camera = rig.plug({.model = 2, .mono = false});
     // Frames of 832 bytes (a short last packet) and of 1024 bytes (whole packets only), read with and without room.
     for (const auto &[width, room] : {std::pair<unsigned, std::size_t>{48, 1024}, {48, 832}, {60, 2048}, {60, 1024}}) {
         camera.select(2);
@@ -86,9 +86,7 @@ TEST(Trigger, SendsOneFrameThatEndsItsRead)
         EXPECT_EQ(next.received(), 0u);
     }
     // Model 3 has to be prepared.
-    simbus::TRIGGER_REPLY reply{2};
-    EXPECT_EQ(rig.get(simbus::kIoctlTrigger, simbus::SLOT_RECORD{rig.plug(3).slot}, reply).status, STATUS_SUCCESS);
-    EXPECT_EQ(reply.Accepted, 0u);
+    EXPECT_FALSE(rig.bay.trigger(rig.plug({.model = 3}).slot).value());
 }
 
 } // namespace

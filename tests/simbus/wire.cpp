@@ -285,65 +285,39 @@ std::vector<unsigned> lineWords(const Bytes &stream, std::size_t lineBytes)
 
 // --------------------------------------------------------------------------------------------------- rig
 
-simbus::PLUG_REQUEST model(unsigned number, bool mono, std::uint32_t flags)
-{
-    simbus::PLUG_REQUEST request = {};
-    request.Model = number;
-    request.Mono = mono;
-    request.Flags = flags;
-    return request;
-}
+Rig::Rig(const ntos::Options &options) : machine(options), bay(boot()) {}
 
-Rig::Rig(const ntos::Options &options) : machine(options)
+vqt::Bay Rig::boot()
 {
     machine.registerDriver({"simbus", SimbusDriverEntry, {VQT_SIMBUS_HARDWARE_ID}});
     machine.registerDriver({"bare", functionEntry, {VQT_SIMBUS_CAMERA_HARDWARE_ID}});
     machine.addRootDevice(VQT_SIMBUS_HARDWARE_ID);
-    control_ = machine.open(VQT_SIMBUS_DOS_NAME);
-    EXPECT_TRUE(control_) << std::hex << control_.status();
+    return vqt::Bay::open().value();
 }
 
 Rig::~Rig()
 {
-    control_.close();
+    bay.port().close();
     for (const std::string &leak : machine.shutdown().leaks)
         ADD_FAILURE() << leak;
 }
 
-Camera Rig::plug(const simbus::PLUG_REQUEST &request)
+Camera Rig::plug(vqt::PlugOptions options)
 {
     newestLower = nullptr;
-    simbus::SLOT_RECORD slot = {};
-    EXPECT_EQ(get(simbus::kIoctlPlug, request, slot).status, STATUS_SUCCESS);
-    machine.settle();
+    options.pace = 0;
     Camera camera;
-    camera.slot = slot.Slot;
+    camera.slot = bay.plug(options).value();
+    machine.settle();
     camera.lower = newestLower;
     EXPECT_NE(camera.lower, nullptr);
     return camera;
 }
 
-Camera Rig::plug(unsigned number, bool mono)
-{
-    return plug(model(number, mono));
-}
-
 void Rig::unplug(const Camera &camera)
 {
-    EXPECT_EQ(set(simbus::kIoctlUnplug, simbus::SLOT_RECORD{camera.slot}), STATUS_SUCCESS);
+    bay.unplug(camera.slot).value();
     machine.settle();
-}
-
-ntos::Result Rig::control(std::uint32_t code, const Bytes &in, void *out, std::size_t outLength)
-{
-    return control_.deviceControl(code, in.data(), in.size(), out, outLength);
-}
-
-simbus::CAMERA_STATE Rig::state(const Camera &camera)
-{
-    simbus::CAMERA_STATE state = {};
-    EXPECT_EQ(get(simbus::kIoctlReadState, simbus::SLOT_RECORD{camera.slot}, state).status, STATUS_SUCCESS);
-    return state;
 }
 
 } // namespace wire

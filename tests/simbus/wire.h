@@ -16,7 +16,7 @@
 #include <mutex>
 #include <vector>
 
-#include "drv/simbus/control.h"
+#include "client/bay.h"
 #include "ntos/machine.h"
 
 namespace wire {
@@ -94,55 +94,22 @@ public:
 // The line words of a stream of equal lines with nothing between them.
 std::vector<unsigned> lineWords(const Bytes &stream, std::size_t lineBytes);
 
-simbus::PLUG_REQUEST model(unsigned number, bool mono, std::uint32_t flags = simbus::kPlugPaceGiven);
-
 // While somebody holds it, the function driver sits on surprise removals: the camera is gone, its device object is not.
 extern std::mutex removals;
-
-// A record and the items behind it, as they travel.
-template <typename T, typename ITEM = std::uint8_t> Bytes packed(const T &record, const std::vector<ITEM> &items = {})
-{
-    const auto *first = reinterpret_cast<const std::uint8_t *>(&record);
-    const auto *rest = reinterpret_cast<const std::uint8_t *>(items.data());
-    Bytes bytes(first, first + sizeof record);
-    bytes.insert(bytes.end(), rest, rest + items.size() * sizeof(ITEM));
-    return bytes;
-}
 
 class Rig {
 public:
     explicit Rig(const ntos::Options &options = {});
     ~Rig();
 
-    Camera plug(const simbus::PLUG_REQUEST &request);
-    Camera plug(unsigned number, bool mono = true);
+    Camera plug(vqt::PlugOptions options = {}); // as fast as it is read
     void unplug(const Camera &camera);
 
-    ntos::Result control(std::uint32_t code, const Bytes &in, void *out = nullptr, std::size_t outLength = 0);
-    template <typename T, typename ITEM = std::uint8_t>
-    ntos::NtStatus set(std::uint32_t code, const T &record, const std::vector<ITEM> &items = {})
-    {
-        return control(code, packed(record, items)).status;
-    }
-    template <typename T, typename Out> ntos::Result get(std::uint32_t code, const T &record, Out &out)
-    {
-        return control(code, packed(record), &out, sizeof out);
-    }
-    // LINE_FAULT, BULK_FAULT or COMMAND_FAULT records, in place of those before. Their requests begin alike.
-    template <typename FAULT> ntos::NtStatus script(const Camera &camera, const std::vector<FAULT> &faults)
-    {
-        const std::uint32_t code = std::is_same_v<FAULT, simbus::LINE_FAULT>   ? simbus::kIoctlSetLineFaults
-                                   : std::is_same_v<FAULT, simbus::BULK_FAULT> ? simbus::kIoctlSetBulkFaults
-                                                                               : simbus::kIoctlSetCommandFaults;
-        return set(code, simbus::LINE_FAULTS_REQUEST{camera.slot, 0, static_cast<std::uint32_t>(faults.size())},
-                   faults);
-    }
-    simbus::CAMERA_STATE state(const Camera &camera);
-
     ntos::Machine machine;
+    vqt::Bay bay;
 
 private:
-    ntos::File control_;
+    vqt::Bay boot();
 };
 
 } // namespace wire
