@@ -1,7 +1,7 @@
 // Pending reads: lengths, abort, cancel, and every read completed exactly once.
 #include "wire.h"
 
-#include <thread>
+#include <random>
 
 namespace {
 
@@ -56,32 +56,46 @@ TEST(Reads, EndOnceWhateverEndsThem)
     EXPECT_EQ(camera.select(2), STATUS_SUCCESS);
 }
 
-// Reads that are filled, cancelled and aborted from three sides at once.
+// Reads that are sent, filled in two steps, cancelled and aborted at once, in the orders that a hundred deals bring
+// about.
 TEST(Reads, SurviveCancelAgainstCompletion)
 {
-    wire::Rig rig;
+    wire::Rig rig({.manualClock = true});
     wire::Camera camera = ready(rig);
     camera.run(true);
+    rig.bay.setMode(camera.slot, simbus::kModeAll).value();
     int filled = 0;
-    for (int round = 0; round < 300; ++round) {
+    for (unsigned seed = 0; seed < 100; ++seed) {
+        SCOPED_TRACE(seed);
         Reads reads;
-        for (int i = 0; i < 8; ++i)
-            reads.push_back(std::make_unique<Read>(camera, 20'000, nullptr, true, i % 2 == 0));
-        for (const auto &read : reads)
-            read->send();
-        std::thread canceller([&] {
-            for (std::size_t i = 0; i < reads.size(); i += 2)
-                reads[i]->cancel();
-        });
-        if (round % 3 == 0)
-            camera.pipeRequest(URB_FUNCTION_ABORT_PIPE, camera.pipe());
-        canceller.join();
+        for (int i = 0; i < 6; ++i)
+            reads.push_back(std::make_unique<Read>(camera, 70'000, nullptr, true, i % 2 == 0));
+        const std::function<void()> players[] = {
+            [&] {
+                for (const auto &read : reads)
+                    read->send();
+            },
+            [&] {
+                for (std::size_t i = 0; i < reads.size(); i += 2)
+                    reads[i]->cancel();
+                if (seed % 3 == 0)
+                    camera.pipeRequest(URB_FUNCTION_ABORT_PIPE, camera.pipe());
+            },
+            [&] {
+                for (int i = 0; i < 12; ++i)
+                    rig.serve(camera);
+            },
+        };
+        std::mt19937 random(seed);
+        ntos::Turns turns;
+        ASSERT_TRUE(turns.run(players, {[&](std::size_t) { return random(); }, [&] { return random() % 3 == 0; }}));
+        while (rig.serve(camera)) {
+        }
         for (const auto &read : reads) {
-            const bool full = read->wait().status == STATUS_SUCCESS;
-            filled += full;
-            ASSERT_TRUE(full ? read->received() == 20'000 : read->status == STATUS_CANCELLED);
             ASSERT_EQ(read->completions, 1);
+            ASSERT_TRUE(read->status == STATUS_CANCELLED || read->received() == 70'000);
             ASSERT_EQ(read->irql, DISPATCH_LEVEL);
+            filled += read->status == STATUS_SUCCESS;
         }
     }
     EXPECT_GT(filled, 0);
@@ -111,6 +125,26 @@ TEST(Reads, WrongHandlesAndBuffersAreRefused)
         0, [](auto &urb) { urb.TransferBufferLength = 101; }, true);
     refused(0, [](auto &urb) { urb.Hdr.Length = sizeof(_URB_PIPE_REQUEST); });
     refused(USBD_STATUS_INVALID_URB_FUNCTION, [](auto &urb) { urb.Hdr.Function = URB_FUNCTION_ISOCH_TRANSFER; });
+}
+
+// No byte without time, and as many as the time allows.
+TEST(Reads, ArriveAtThePace)
+{
+    wire::Rig rig({.manualClock = true});
+    wire::Camera camera = ready(rig);
+    rig.bay.setMode(camera.slot, simbus::kModeAll).value();
+    rig.bay.setPace(camera.slot, 1'000'000).value();
+    Read read(camera, 200'000);
+    read.send();
+    camera.run(true);
+    unsigned steps = 0;
+    while (read.completions == 0 && ++steps < 30) {
+        rig.machine.clock().advance(std::chrono::milliseconds(10));
+        while (rig.serve(camera)) {
+        }
+        EXPECT_LE(rig.bay.state(camera.slot).value().BytesSent, steps * 10'000);
+    }
+    EXPECT_NEAR(steps, 20, 3);
 }
 
 } // namespace

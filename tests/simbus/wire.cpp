@@ -72,7 +72,8 @@ NTSTATUS functionEntry(PDRIVER_OBJECT driver, PUNICODE_STRING)
 // ---------------------------------------------------------------------------------------------- transfers
 
 Transfer::Transfer(const Camera &camera, USHORT function, std::size_t urbLength, const Bytes &data, bool useMdl)
-    : storage_(std::max(sizeof(URB), urbLength)), urb(*reinterpret_cast<URB *>(storage_.data())), device_(camera.lower)
+    : storage_(std::max(sizeof(URB), urbLength)), urb(*reinterpret_cast<URB *>(storage_.data())), device_(camera.lower),
+      irp_(IoAllocateIrp(static_cast<CCHAR>(camera.lower->StackSize + 1), FALSE))
 {
     urb.UrbHeader.Length = static_cast<USHORT>(urbLength);
     urb.UrbHeader.Function = function;
@@ -94,10 +95,9 @@ Transfer::Transfer(const Camera &camera, USHORT function, std::size_t urbLength,
 
 Transfer::~Transfer()
 {
-    if (irp_ != nullptr) {
+    if (sent_)
         wait();
-        IoFreeIrp(irp_);
-    }
+    IoFreeIrp(irp_);
     if (mdl_ != nullptr)
         IoFreeMdl(mdl_);
     if (memory_ != nullptr)
@@ -118,7 +118,7 @@ NTSTATUS Transfer::onComplete(PDEVICE_OBJECT, PIRP irp, PVOID context)
 
 NTSTATUS Transfer::send()
 {
-    irp_ = IoAllocateIrp(static_cast<CCHAR>(device_->StackSize + 1), FALSE);
+    sent_ = true;
     PIO_STACK_LOCATION stack = IoGetNextIrpStackLocation(irp_);
     stack->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
     stack->Parameters.DeviceIoControl.IoControlCode = static_cast<ULONG>(IOCTL_INTERNAL_USB_SUBMIT_URB);
@@ -318,6 +318,16 @@ void Rig::unplug(const Camera &camera)
 {
     bay.unplug(camera.slot).value();
     machine.settle();
+}
+
+bool Rig::serve(const Camera &camera)
+{
+    std::uint32_t slot = camera.slot, moved = 0;
+    EXPECT_TRUE(bay.port()
+                    .deviceControl(simbus::kIoctlServe, {reinterpret_cast<std::uint8_t *>(&slot), sizeof slot},
+                                   {reinterpret_cast<std::uint8_t *>(&moved), sizeof moved})
+                    .ok());
+    return moved != 0;
 }
 
 } // namespace wire

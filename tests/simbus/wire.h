@@ -55,7 +55,8 @@ private:
     PDEVICE_OBJECT device_;
     std::uint8_t *memory_ = nullptr;
     PMDL mdl_ = nullptr;
-    PIRP irp_ = nullptr;
+    PIRP irp_;
+    bool sent_ = false;
     std::mutex mutex_;
     std::condition_variable done_;
 };
@@ -104,6 +105,7 @@ public:
 
     Camera plug(vqt::PlugOptions options = {}); // as fast as it is read
     void unplug(const Camera &camera);
+    bool serve(const Camera &camera); // by hand; false when there was nothing to do
 
     ntos::Machine machine;
     vqt::Bay bay;
