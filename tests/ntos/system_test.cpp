@@ -2,7 +2,6 @@
 #include "driver.h"
 
 #include <set>
-#include <thread>
 
 #include <excpt.h>
 
@@ -17,6 +16,9 @@ constexpr Ticks seconds(std::int64_t n)
 {
     return Ticks(n * 10'000'000);
 }
+
+// No interruptions, and the first who can goes on.
+const ntos::Deal kFirst{[](std::size_t) { return 0u; }, {}};
 
 } // namespace
 
@@ -36,20 +38,26 @@ TEST_F(ManualClockTest, LimitsGoByTheClock)
                           {"delay", -seconds(5).count(), true, STATUS_SUCCESS},
                           {"absolute", until, false, STATUS_TIMEOUT}}) {
         SCOPED_TRACE(c.name);
-        std::atomic<bool> done{false};
-        std::thread waiter([&] {
-            LARGE_INTEGER limit;
-            limit.QuadPart = c.limit;
-            EXPECT_EQ(c.expected, c.delay ? KeDelayExecutionThread(KernelMode, FALSE, &limit)
-                                          : KeWaitForSingleObject(&never, Executive, KernelMode, FALSE, &limit));
-            done = true;
-        });
-        EXPECT_TRUE(machine.clock().waitForTimedWaiters(1));
-        machine.clock().advance(seconds(5) - Ticks(1));
-        EXPECT_EQ(Ticks(1), machine.clock().nextExpiry());
-        EXPECT_FALSE(done);
-        machine.clock().advance(Ticks(1));
-        waiter.join();
+        bool done = false;
+        const std::function<void()> players[] = {
+            [&] {
+                LARGE_INTEGER limit;
+                limit.QuadPart = c.limit;
+                EXPECT_EQ(c.expected, c.delay ? KeDelayExecutionThread(KernelMode, FALSE, &limit)
+                                              : KeWaitForSingleObject(&never, Executive, KernelMode, FALSE, &limit));
+                done = true;
+            },
+            [&] {
+                for (const Ticks step : {seconds(5) - Ticks(1), Ticks(1)}) {
+                    ntos::Turns::standBack(); // until the other one waits
+                    EXPECT_FALSE(done);
+                    EXPECT_EQ(step == Ticks(1) ? Ticks(1) : seconds(5), machine.clock().nextExpiry());
+                    machine.clock().advance(step);
+                }
+            },
+        };
+        ntos::Turns turns;
+        EXPECT_TRUE(turns.run(players, kFirst));
     }
     LARGE_INTEGER now;
     KeQuerySystemTime(&now);
@@ -87,7 +95,7 @@ TEST_F(ManualClockTest, EventsAndSemaphoresCountTheirWaiters)
                                                      }
                                                  }};
         ntos::Turns turns;
-        EXPECT_TRUE(turns.run(players, {[](std::size_t) { return 0u; }, {}}));
+        EXPECT_TRUE(turns.run(players, kFirst));
         EXPECT_EQ(3, released);
     }
     EXPECT_EQ(1, KeReadStateSemaphore(&semaphore));
@@ -103,7 +111,7 @@ TEST_F(LayerTest, PlugAndPlaySequences)
         machine.settle();
         return behaviour.pnpSeen;
     };
-    behaviour.pnp = [&](PIO_STACK_LOCATION location) -> NTSTATUS {
+    behaviour.pnp = [&](PIO_STACK_LOCATION location) {
         return location->MinorFunction == IRP_MN_QUERY_REMOVE_DEVICE ? STATUS_UNSUCCESSFUL : STATUS_SUCCESS;
     };
     EXPECT_EQ((Minors{IRP_MN_QUERY_REMOVE_DEVICE, IRP_MN_CANCEL_REMOVE_DEVICE}),
@@ -119,19 +127,15 @@ TEST_F(LayerTest, PlugAndPlaySequences)
     ASSERT_GE(restart.size(), 3u);
     EXPECT_EQ((Minors{IRP_MN_QUERY_STOP_DEVICE, IRP_MN_STOP_DEVICE, IRP_MN_START_DEVICE}),
               Minors(restart.begin(), restart.begin() + 3));
-    // Whichever way it goes, removal waits for the last handle.
-    for (const bool surprise : {false, true}) {
-        auto first = machine.open(kName), second = machine.open("\\Device\\NtTest");
-        EXPECT_EQ(Minors{static_cast<UCHAR>(surprise ? IRP_MN_SURPRISE_REMOVAL : IRP_MN_QUERY_REMOVE_DEVICE)},
-                  seen([&] { surprise ? device.surprise() : void(device.remove()); }));
-        EXPECT_EQ(surprise ? DeviceState::surpriseRemoved : DeviceState::removePending, device.state());
-        EXPECT_EQ(STATUS_NO_SUCH_DEVICE, machine.open(kName).status());
-        EXPECT_EQ(Minors{}, seen([&] { first.close(); }));
-        EXPECT_EQ(Minors{IRP_MN_REMOVE_DEVICE}, seen([&] { second.close(); }));
-        EXPECT_EQ(DeviceState::removed, device.state());
-        EXPECT_FALSE(machine.symbolicLink("NtTest"));
-        device = machine.addRootDevice(kHardwareId);
-    }
+    // An orderly removal, too, waits for the last handle.
+    auto first = machine.open(kName), second = machine.open("\\Device\\NtTest");
+    EXPECT_EQ(Minors{IRP_MN_QUERY_REMOVE_DEVICE}, seen([&] { device.remove(); }));
+    EXPECT_EQ(DeviceState::removePending, device.state());
+    EXPECT_EQ(STATUS_NO_SUCH_DEVICE, machine.open(kName).status());
+    EXPECT_EQ(Minors{}, seen([&] { first.close(); }));
+    EXPECT_EQ(Minors{IRP_MN_REMOVE_DEVICE}, seen([&] { second.close(); }));
+    EXPECT_EQ(DeviceState::removed, device.state());
+    EXPECT_FALSE(machine.symbolicLink("NtTest"));
 }
 
 TEST_F(LayerTest, ARefusedSleepLeavesTheMachineAwake)
@@ -297,11 +301,10 @@ TEST_F(ManualClockTest, PlayersThatWaitForEachOtherAreKnown)
             KeWaitForSingleObject(&events[i], Executive, KernelMode, FALSE, nullptr);
             KeSetEvent(&events[1 - i], IO_NO_INCREMENT, FALSE);
         });
-    const ntos::Deal deal{[](std::size_t) { return 0u; }, {}};
     ntos::Turns turns;
-    EXPECT_FALSE(turns.run(players, deal));
+    EXPECT_FALSE(turns.run(players, kFirst));
     KeSetEvent(&events[1], IO_NO_INCREMENT, FALSE);
-    EXPECT_TRUE(turns.run({}, deal));
+    EXPECT_TRUE(turns.run({}, kFirst));
 }
 
 } // namespace nt_test

@@ -18,17 +18,17 @@ TEST(Geometry, AnyRegistersGiveAStreamOfTheReportedShape)
         for (unsigned start : values)
             for (unsigned size : values) {
                 ++round;
-                const std::pair<std::uint8_t, unsigned> registers[] = {{0x01, start},
-                                                                       {0x02, start ^ round},
-                                                                       {0x03, size},
-                                                                       {0x04, size ^ (round & 3)},
-                                                                       {0x20, start * 31 + size},
-                                                                       {0x22, round * 0x1B},
-                                                                       {0x23, round * 0x2D},
-                                                                       {0x1E, (round * 4) & 0x3C}};
+                const unsigned registers[][2] = {{0x01, start},
+                                                 {0x02, start ^ round},
+                                                 {0x03, size},
+                                                 {0x04, size ^ (round & 3)},
+                                                 {0x20, start * 31 + size},
+                                                 {0x22, round * 0x1B},
+                                                 {0x23, round * 0x2D},
+                                                 {0x1E, round * 4 & 0x3C}};
                 camera.command({0x2D, static_cast<std::uint8_t>(round % 2)});
                 for (const auto &[index, value] : registers)
-                    camera.writeRegister(index, static_cast<std::uint16_t>(value));
+                    camera.writeRegister(static_cast<std::uint8_t>(index), static_cast<std::uint16_t>(value));
                 const Bytes stream = camera.readStream(20'000);
                 const simbus::CAMERA_STATE state = rig.bay.state(camera.slot).value();
                 camera.run(false);

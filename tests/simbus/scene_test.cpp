@@ -2,7 +2,6 @@
 #include "wire.h"
 
 #include <algorithm>
-#include <set>
 
 namespace {
 
