@@ -23,7 +23,7 @@ const ntos::Deal kFirst{[](std::size_t) { return 0u; }, {}};
 } // namespace
 
 // A five-second limit ends when the machine's clock says so, and not a tick before.
-TEST_F(ManualClockTest, LimitsGoByTheClock)
+TEST_F(LayerTest, LimitsGoByTheClock)
 {
     KEVENT never;
     KeInitializeEvent(&never, NotificationEvent, FALSE);
@@ -64,7 +64,7 @@ TEST_F(ManualClockTest, LimitsGoByTheClock)
     EXPECT_EQ(until, now.QuadPart);
 }
 
-TEST_F(ManualClockTest, EventsAndSemaphoresCountTheirWaiters)
+TEST_F(LayerTest, EventsAndSemaphoresCountTheirWaiters)
 {
     KEVENT notification, synchronization;
     KSEMAPHORE semaphore;
@@ -246,7 +246,7 @@ TEST_F(LayerTest, PrintsAreFormattedAsTheKernelDoes)
 }
 
 // Two players, with a lock that both want and an event that one of them waits for.
-TEST_F(ManualClockTest, PlayersShareOneProcessor)
+TEST_F(LayerTest, PlayersShareOneProcessor)
 {
     const auto run = [&](std::uint64_t state) {
         KEVENT event;
@@ -290,7 +290,7 @@ TEST_F(ManualClockTest, PlayersShareOneProcessor)
     EXPECT_EQ(3u, orders.size());
 }
 
-TEST_F(ManualClockTest, PlayersThatWaitForEachOtherAreKnown)
+TEST_F(LayerTest, PlayersThatWaitForEachOtherAreKnown)
 {
     KEVENT events[2];
     for (KEVENT &event : events)
