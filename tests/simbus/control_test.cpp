@@ -105,8 +105,8 @@ TEST(Control, NoiseHarmsNobody)
             word = static_cast<std::uint32_t>(random() % 2 ? interesting[random() % std::size(interesting)] : random());
         if (!words.empty() && random() % 8 != 0)
             words[0] = camera.slot;
-        Bytes in(words.size() * 4), out(random() % (random() % 2 ? 65536 : 64));
-        std::memcpy(in.data(), words.data(), in.size());
+        const auto *bytes = reinterpret_cast<const std::uint8_t *>(words.data());
+        Bytes in(bytes, bytes + words.size() * 4), out(random() % (random() % 2 ? 65536 : 64));
         if (random() % 4 == 0)
             in.resize(in.size() + random() % 4);
         ASSERT_LE(rig.bay.port().deviceControl(code, in, out).information, out.size());

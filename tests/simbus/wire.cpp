@@ -204,11 +204,10 @@ void Camera::writeRegister(std::uint8_t index, std::uint16_t value)
         command({0x1F, index, static_cast<std::uint8_t>(value), static_cast<std::uint8_t>(value >> 8)}).empty());
 }
 
-void Camera::window(unsigned width, unsigned height, unsigned bits)
+void Camera::window(unsigned width, unsigned height)
 {
     writeRegister(0x04, static_cast<std::uint16_t>(width - 1));
     writeRegister(0x03, static_cast<std::uint16_t>(height - 1));
-    command({0x2D, static_cast<std::uint8_t>(bits == 10)});
 }
 
 void Camera::run(bool on)

@@ -11,7 +11,6 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <cstring>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -83,7 +82,7 @@ public:
     NTSTATUS pipeRequest(USHORT function, USBD_PIPE_HANDLE pipe);
     USBD_PIPE_HANDLE pipe(std::uint8_t address = 0x82) const;
 
-    void window(unsigned width, unsigned height, unsigned bits = 8);
+    void window(unsigned width, unsigned height);
     void run(bool on); // bit 8 of register 0x1E
     Bytes readStream(std::size_t bytes);
 
