@@ -97,15 +97,6 @@ TEST(Png, RoundTripKeepsEverySampleAtEveryForm)
             }
 }
 
-TEST(Png, GarbageIsRefused)
-{
-    const std::vector<std::uint8_t> garbage(100, 0x5A);
-    EXPECT_ANY_THROW(decodePng(garbage));
-    auto cut = encodePng(patterned(32, 32, 1, 255));
-    cut.resize(cut.size() / 2);
-    EXPECT_ANY_THROW(decodePng(cut));
-}
-
 TEST(Pnm, TenBitsKeepTheirValuesHighByteFirst)
 {
     const auto file = encodePnm({2, 1, 1, 1023, {0x0102, 0x03FF}});
@@ -117,14 +108,19 @@ TEST(Pnm, TenBitsKeepTheirValuesHighByteFirst)
 TEST(Files, ASceneIsReadAsRgbAndNonsenseIsRefused)
 {
     const std::string folder = ::testing::TempDir() + "vqtcam-" + std::to_string(getpid());
-    writeFile(folder + "/scene.png", encodePng({2, 1, 3, 255, {1, 2, 3, 250, 251, 252}}));
-    EXPECT_EQ(loadScene(folder + "/scene.png").rgb, (std::vector<std::uint8_t>{1, 2, 3, 250, 251, 252}));
-    writeFile(folder + "/grey.png", encodePng({1, 1, 1, 255, {99}}));
-    EXPECT_EQ(loadScene(folder + "/grey.png").rgb, (std::vector<std::uint8_t>{99, 99, 99}));
-    writeFile(folder + "/text.jpg", std::vector<std::uint8_t>(50, 'x'));
-    writeFile(folder + "/wide.png", encodePng(patterned(4097, 1, 1, 255)));
-    for (const char *name : {"/text.jpg", "/wide.png", "/missing.png"})
-        EXPECT_THROW(loadScene(folder + name), Stop) << name;
+    const auto scene = [&](const std::vector<std::uint8_t> &bytes) {
+        writeFile(folder + "/scene", bytes);
+        return loadScene(folder + "/scene").rgb;
+    };
+    EXPECT_EQ(scene(encodePng({2, 1, 3, 255, {1, 2, 3, 250, 251, 252}})),
+              (std::vector<std::uint8_t>{1, 2, 3, 250, 251, 252}));
+    EXPECT_EQ(scene(encodePng({1, 1, 1, 255, {99}})), (std::vector<std::uint8_t>{99, 99, 99}));
+    auto cut = encodePng(patterned(32, 32, 1, 255));
+    cut.resize(cut.size() / 2);
+    for (const auto &bad : {std::vector<std::uint8_t>(50, 'x'), cut, encodePng(patterned(4097, 1, 1, 255))})
+        EXPECT_THROW(scene(bad), Stop) << bad.size();
+    EXPECT_THROW(decodePng(cut), Stop);
+    EXPECT_THROW(loadScene(folder + "/missing.png"), Stop);
     std::filesystem::remove_all(folder);
 }
 

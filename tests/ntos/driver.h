@@ -1,4 +1,5 @@
-// A driver for the layer's own tests: a stack of two devices over a root-enumerated one, whose behaviour each test sets.
+// A driver for the layer's own tests: a stack of two devices over a root-enumerated one, whose behaviour each test
+// sets.
 //
 //   lower   unnamed, answers what reaches it
 //   upper   \Device\NtTest, linked as \DosDevices\NtTest, forwards what it does not answer
@@ -23,7 +24,7 @@ struct Behaviour {
     // Called before a Plug and Play or power request is handled; a failing status refuses it.
     std::function<NTSTATUS(PIO_STACK_LOCATION)> pnp, power;
     std::vector<UCHAR> pnpSeen;
-    bool namedLinkLeft = false;   // the upper device forgets its link at removal
+    bool namedLinkLeft = false; // the upper device forgets its link at removal
     bool leakPool = false;
     PDEVICE_OBJECT upperDevice = nullptr, lowerDevice = nullptr;
 };
@@ -44,8 +45,6 @@ extern "C" NTSTATUS NtTestEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registry)
 // A booted machine with the device started. A violation that no test expects stops the program.
 class LayerTest : public ::testing::Test {
 protected:
-    LayerTest() : LayerTest(ntos::Options{}) {}
-    explicit LayerTest(const ntos::Options &options) : machine(options) {}
     void SetUp() override
     {
         behaviour = {};
@@ -64,18 +63,9 @@ protected:
     // Runs the request and returns the violations it caused, as code and parameter.
     std::vector<std::pair<unsigned, unsigned>> violationsOf(const std::function<void()> &run);
 
-    ntos::Machine machine;
+    ntos::Machine machine{{.manualClock = true}};
     ntos::Device device;
     bool expectClean = true;
-};
-
-class ManualClockTest : public LayerTest {
-protected:
-    ManualClockTest() : LayerTest([] {
-        ntos::Options options;
-        options.manualClock = true;
-        return options;
-    }()) {}
 };
 
 } // namespace nt_test

@@ -9,17 +9,13 @@ using wire::Half;
 TEST(Commands, AnswerAsDocumented)
 {
     wire::Rig rig;
-    simbus::PLUG_REQUEST plug = wire::model(2, false, simbus::kPlugAll & ~simbus::kPlugFullSpeed);
-    plug.Firmware = 39;
-    plug.ChipId = 0x8511;
-    plug.HwModelId = 29;
-    plug.Batch = 0x0102;
-    plug.Serial = 0xA1B2C3D4;
-    plug.Board = 0x0304;
-    wire::Camera camera = rig.plug(plug);
-    ASSERT_EQ(
-        rig.set(simbus::kIoctlSetFlash, simbus::FLASH_REQUEST{camera.slot, 0x7FFB, 5, 1, 77}, Bytes{1, 2, 3, 4, 5}),
-        STATUS_SUCCESS);
+    wire::Camera camera = rig.plug({.model = 2,
+                                    .mono = false,
+                                    .firmware = 39,
+                                    .chipId = 0x8511,
+                                    .hwModelId = 29,
+                                    .identity = vqt::Identity{0xA1B2C3D4, 0x0102, 0x0304}});
+    rig.bay.setFlash(camera.slot, 0x7FFB, Bytes{1, 2, 3, 4, 5}, 77).value();
     const struct {
         Bytes command, reply; // status byte first
     } cases[] = {
@@ -52,7 +48,7 @@ TEST(Commands, AnswerAsDocumented)
         Half in(camera, true);
         in.send();
         in.wait();
-        return in.reply();
+        return in.bytes();
     };
     for (const auto &test : cases) {
         Half out(camera, false, test.command);
@@ -72,28 +68,21 @@ TEST(Commands, AnswerAsDocumented)
 TEST(Descriptors, CanBeMadeToLie)
 {
     wire::Rig rig;
-    wire::Camera camera = rig.plug(1);
+    wire::Camera camera = rig.plug();
     const Bytes truth = camera.descriptor(2, 1, 4096);
     camera.descriptor(2, 2, 9, USBD_STATUS_STALL_PID);
     EXPECT_EQ(camera.select(3), STATUS_UNSUCCESSFUL);
-    const std::size_t last = truth.size() - 7;
-    const auto lie = [&](const Bytes &bytes, std::uint8_t remove = 0, std::uint8_t stall = 0) {
-        const auto length = static_cast<std::uint32_t>(bytes.size());
-        const simbus::DESCRIPTOR_REQUEST request{camera.slot, 2, 1, remove, stall, length};
-        EXPECT_EQ(rig.set(simbus::kIoctlSetDescriptor, request, bytes), STATUS_SUCCESS);
-    };
     // More endpoints promised than described, a part of length 0, a cut part: refused, nothing opened.
-    for (const auto &[at, value] : {std::pair<std::size_t, int>{last - 9 + 4, 2}, {last, 0}, {last, 200}}) {
+    const std::size_t last = truth.size() - 7;
+    for (const auto &[at, value] : {std::pair<std::size_t, std::uint8_t>{last - 9 + 4, 2}, {last, 0}, {last, 200}}) {
         Bytes bad = truth;
-        bad[at] = static_cast<std::uint8_t>(value);
-        lie(bad);
+        bad[at] = value;
+        rig.bay.setDescriptor(camera.slot, 2, 1, bad).value();
         EXPECT_EQ(camera.descriptor(2, 1, 4096), bad);
         EXPECT_NE(camera.select(2), STATUS_SUCCESS);
     }
-    lie({}, 0, 1);
+    rig.bay.stallDescriptor(camera.slot, 2, 1).value();
     camera.descriptor(2, 1, 9, USBD_STATUS_STALL_PID);
-    lie({}, 1, 0);
-    EXPECT_EQ(camera.descriptor(2, 1, 4096), truth);
 }
 
 } // namespace

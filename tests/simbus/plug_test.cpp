@@ -6,25 +6,23 @@ namespace {
 using wire::Half;
 using wire::Read;
 
-ntos::Device deviceOf(wire::Rig &rig)
-{
-    return rig.machine.devices(VQT_SIMBUS_CAMERA_HARDWARE_ID).at(0);
-}
-
-TEST(Plug, UnplugEndsEverythingPending)
+// Between the unplug and the removal the object is there, the camera is not.
+TEST(Plug, UnplugEndsEverythingPendingAndRefusesTheRest)
 {
     wire::Rig rig;
     for (const bool running : {false, true}) {
-        wire::Camera camera = rig.plug(1);
+        wire::Camera camera = rig.plug();
+        ASSERT_EQ(camera.slot, 0u); // the one before has given it back
         camera.select(1);
         camera.window(48, 8);
         // Slow enough that the long reads are never full.
-        ASSERT_EQ(rig.set(simbus::kIoctlSetPace, simbus::PACE_REQUEST{camera.slot, 10'000}), STATUS_SUCCESS);
-        ASSERT_EQ(rig.script<simbus::BULK_FAULT>(camera, {{simbus::kBulkHold, 0, 0, 1}}), STATUS_SUCCESS);
-        const std::uint16_t wait = running ? simbus::kCommandDelay : simbus::kCommandNoAnswer;
-        ASSERT_EQ(rig.script<simbus::COMMAND_FAULT>(camera, {{0x12, wait, 600'000, 0, 1}}), STATUS_SUCCESS);
-        const simbus::MODE_REQUEST mode{camera.slot, running ? simbus::kModeInlineControl : 0};
-        ASSERT_EQ(rig.set(simbus::kIoctlSetMode, mode), STATUS_SUCCESS);
+        rig.bay.setPace(camera.slot, 10'000).value();
+        const simbus::BULK_FAULT hold{simbus::kBulkHold, 0, 0, 1};
+        rig.bay.setBulkFaults(camera.slot, {&hold, 1}).value();
+        const std::uint16_t kind = running ? simbus::kCommandDelay : simbus::kCommandNoAnswer;
+        const simbus::COMMAND_FAULT wait{0x12, kind, 600'000, 0, 1};
+        rig.bay.setCommandFaults(camera.slot, {&wait, 1}).value();
+        rig.bay.setMode(camera.slot, running ? simbus::kModeInlineControl : 0).value();
         Half command(camera, false, {0x12}), answer(camera, true);
         command.send();
         command.wait();
@@ -37,83 +35,40 @@ TEST(Plug, UnplugEndsEverythingPending)
         }
         if (running)
             camera.run(true);
-        EXPECT_EQ(rig.set(simbus::kIoctlUnplug, simbus::SLOT_RECORD{camera.slot}), STATUS_SUCCESS);
-        EXPECT_EQ(answer.wait().status, STATUS_NO_SUCH_DEVICE);
-        for (const auto &read : reads) {
-            EXPECT_EQ(read->wait().status, STATUS_NO_SUCH_DEVICE);
-            EXPECT_EQ(read->usbStatus(), USBD_STATUS_DEVICE_GONE);
-            EXPECT_EQ(read->completions, 1);
+        {
+            const std::lock_guard hold(wire::removals);
+            rig.bay.unplug(camera.slot).value();
+            EXPECT_EQ(answer.wait().status, STATUS_NO_SUCH_DEVICE);
+            for (const auto &read : reads) {
+                EXPECT_EQ(read->wait().status, STATUS_NO_SUCH_DEVICE);
+                EXPECT_EQ(read->usbStatus(), USBD_STATUS_DEVICE_GONE);
+                EXPECT_EQ(read->completions, 1);
+            }
+            EXPECT_EQ(Read(camera, 100).send(), STATUS_NO_SUCH_DEVICE);
+            EXPECT_EQ(Half(camera, false, {0x11}).send(), STATUS_NO_SUCH_DEVICE);
+            EXPECT_EQ(camera.pipeRequest(URB_FUNCTION_ABORT_PIPE, camera.pipe()), STATUS_NO_SUCH_DEVICE);
+            EXPECT_EQ(rig.bay.state(camera.slot).value().Plugged, 0u); // what it did can still be read
+            EXPECT_EQ(rig.bay.unplug(camera.slot).status(), STATUS_NO_SUCH_DEVICE);
+            EXPECT_EQ(rig.bay.plug().value(), 1u); // its slot is still taken
+            rig.bay.unplug(1).value();
         }
         rig.machine.settle();
     }
 }
 
-// Between the unplug and the removal: the object is there, the camera is not.
-TEST(Plug, AGoneCameraRefuses)
+TEST(Power, FailsAsOftenAsAskedAndForgets)
 {
     wire::Rig rig;
-    wire::Camera camera = rig.plug(1);
-    camera.select(2);
-    const simbus::SLOT_RECORD slot{camera.slot};
-    {
-        const std::lock_guard hold(wire::removals);
-        EXPECT_EQ(rig.set(simbus::kIoctlUnplug, slot), STATUS_SUCCESS);
-        Read read(camera, 100);
-        EXPECT_EQ(read.send(), STATUS_NO_SUCH_DEVICE);
-        EXPECT_EQ(Half(camera, false, {0x11}).send(), STATUS_NO_SUCH_DEVICE);
-        camera.descriptor(2, 1, 9, USBD_STATUS_DEVICE_GONE);
-        EXPECT_EQ(camera.pipeRequest(URB_FUNCTION_ABORT_PIPE, camera.pipe()), STATUS_NO_SUCH_DEVICE);
-        EXPECT_EQ(rig.state(camera).Plugged, 0u); // what it did can still be read
-        EXPECT_EQ(rig.set(simbus::kIoctlUnplug, slot), STATUS_NO_SUCH_DEVICE);
-        simbus::SLOT_RECORD next = {};
-        EXPECT_EQ(rig.get(simbus::kIoctlPlug, wire::model(2, true), next).status, STATUS_SUCCESS);
-        EXPECT_EQ(next.Slot, camera.slot + 1); // its slot is still taken
-    }
-    rig.machine.settle();
-    EXPECT_EQ(rig.plug(2).slot, camera.slot);
-}
-
-TEST(Power, TheBusSendsRequestsItselfAndFailsThem)
-{
-    wire::Rig rig;
-    wire::Camera camera = rig.plug(1);
+    wire::Camera camera = rig.plug();
     camera.writeRegister(0x04, 47);
-    const std::uint32_t failure = 0xC0000001;
-    for (const std::uint32_t times : {9u, 1u}) { // the second replaces the first
-        const simbus::FAIL_REQUESTS fail{camera.slot, IRP_MJ_POWER, IRP_MN_SET_POWER, 1, 1, failure, times};
-        EXPECT_EQ(rig.set(simbus::kIoctlFailRequests, fail), STATUS_SUCCESS);
-    }
-    const struct {
-        UCHAR major, minor, type, state;
-        std::uint32_t status;
-    } cases[] = {{IRP_MJ_PNP, IRP_MN_QUERY_REMOVE_DEVICE, 0, 0, 0}, {IRP_MJ_PNP, IRP_MN_CANCEL_REMOVE_DEVICE, 0, 0, 0},
-                 {IRP_MJ_POWER, IRP_MN_QUERY_POWER, 0, 4, 0},       {IRP_MJ_POWER, IRP_MN_SET_POWER, 1, 4, 0},
-                 {IRP_MJ_POWER, IRP_MN_SET_POWER, 1, 1, failure},   {IRP_MJ_POWER, IRP_MN_SET_POWER, 1, 1, 0}};
-    for (const auto &test : cases) {
-        simbus::SEND_REPLY reply{1};
-        const simbus::SEND_REQUEST request{camera.slot, test.major, test.minor, test.type, test.state};
-        EXPECT_EQ(rig.get(simbus::kIoctlSendRequest, request, reply).status, STATUS_SUCCESS);
-        EXPECT_EQ(reply.Status, test.status) << int{test.minor};
-    }
-    EXPECT_EQ(rig.state(camera).PowerCycles, 1u);
-    EXPECT_EQ(camera.readRegister(0x04), 1279); // the sensor has forgotten
-}
-
-TEST(Power, StopClosesThePipes)
-{
-    wire::Rig rig;
-    wire::Camera camera = rig.plug(1);
-    ntos::Device device = deviceOf(rig);
-    camera.select(2);
-    Read read(camera, 100), stale(camera, 100);
-    read.send();
-    ASSERT_EQ(device.queryStop(), STATUS_SUCCESS);
-    ASSERT_EQ(device.stop(), STATUS_SUCCESS);
-    EXPECT_EQ(read.wait().status, STATUS_CANCELLED);
-    EXPECT_EQ(rig.state(camera).Started, 0u);
-    ASSERT_EQ(device.start(), STATUS_SUCCESS);
-    EXPECT_EQ(stale.send(), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(camera.select(2), STATUS_SUCCESS);
+    for (const std::uint32_t times : {9u, 1u}) // the second replaces the first
+        rig.bay.failRequests({camera.slot, IRP_MJ_POWER, IRP_MN_SET_POWER, 1, 1, 0xC0000001, times}).value();
+    const std::pair<std::uint8_t, NTSTATUS> states[] = {
+        {4, STATUS_SUCCESS}, {1, STATUS_UNSUCCESSFUL}, {1, STATUS_SUCCESS}};
+    for (const auto &[state, status] : states)
+        EXPECT_EQ(rig.bay.sendRequest(camera.slot, IRP_MJ_POWER, IRP_MN_SET_POWER, 1, state).value(), status);
+    EXPECT_EQ(rig.bay.state(camera.slot).value().PowerCycles, 1u);
+    EXPECT_EQ(camera.readRegister(0x04), 1279);
 }
 
 } // namespace

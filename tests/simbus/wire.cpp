@@ -41,9 +41,6 @@ NTSTATUS pnp(PDEVICE_OBJECT device, PIRP irp)
     if (minor == IRP_MN_SURPRISE_REMOVAL) {
         const std::lock_guard wait(removals);
     }
-    // Removals and stops, asked for, called off or done.
-    if (minor == IRP_MN_SURPRISE_REMOVAL || (minor >= IRP_MN_QUERY_REMOVE_DEVICE && minor <= IRP_MN_CANCEL_STOP_DEVICE))
-        irp->IoStatus.Status = STATUS_SUCCESS;
     const PDEVICE_OBJECT lower = lowerOf(device);
     const NTSTATUS status = passDown(device, irp);
     if (minor == IRP_MN_REMOVE_DEVICE) {
@@ -74,23 +71,37 @@ NTSTATUS functionEntry(PDRIVER_OBJECT driver, PUNICODE_STRING)
 
 // ---------------------------------------------------------------------------------------------- transfers
 
-Transfer::Transfer(PDEVICE_OBJECT device, std::size_t urbBytes)
-    : urb(*reinterpret_cast<URB *>(new std::uint8_t[urbBytes]{})), device_(device),
-      storage_(reinterpret_cast<std::uint8_t *>(&urb))
+Transfer::Transfer(const Camera &camera, USHORT function, std::size_t urbLength, const Bytes &data, bool useMdl)
+    : storage_(std::max(sizeof(URB), urbLength)), urb(*reinterpret_cast<URB *>(storage_.data())), device_(camera.lower),
+      irp_(IoAllocateIrp(static_cast<CCHAR>(camera.lower->StackSize + 1), FALSE))
 {
+    urb.UrbHeader.Length = static_cast<USHORT>(urbLength);
+    urb.UrbHeader.Function = function;
+    if (data.empty())
+        return;
+    memory_ = static_cast<std::uint8_t *>(ExAllocatePoolWithTag(NonPagedPool, data.size(), 'refT'));
+    std::copy(data.begin(), data.end(), memory_);
+    // Memory and length stand at the same place in every URB that transfers.
+    auto &transfer = urb.UrbBulkOrInterruptTransfer;
+    transfer.TransferBufferLength = static_cast<ULONG>(data.size());
+    if (useMdl) {
+        transfer.TransferBufferMDL = mdl_ =
+            IoAllocateMdl(memory_, transfer.TransferBufferLength, FALSE, FALSE, nullptr);
+        MmBuildMdlForNonPagedPool(mdl_);
+    } else {
+        transfer.TransferBuffer = memory_;
+    }
 }
 
 Transfer::~Transfer()
 {
-    comeBack();
-    if (irp_ != nullptr)
-        IoFreeIrp(irp_);
-}
-
-void Transfer::comeBack()
-{
-    if (irp_ != nullptr)
+    if (sent_)
         wait();
+    IoFreeIrp(irp_);
+    if (mdl_ != nullptr)
+        IoFreeMdl(mdl_);
+    if (memory_ != nullptr)
+        ExFreePoolWithTag(memory_, 'refT'); // which finds out whether somebody wrote beyond it
 }
 
 NTSTATUS Transfer::onComplete(PDEVICE_OBJECT, PIRP irp, PVOID context)
@@ -107,7 +118,7 @@ NTSTATUS Transfer::onComplete(PDEVICE_OBJECT, PIRP irp, PVOID context)
 
 NTSTATUS Transfer::send()
 {
-    irp_ = IoAllocateIrp(static_cast<CCHAR>(device_->StackSize + 1), FALSE);
+    sent_ = true;
     PIO_STACK_LOCATION stack = IoGetNextIrpStackLocation(irp_);
     stack->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
     stack->Parameters.DeviceIoControl.IoControlCode = static_cast<ULONG>(IOCTL_INTERNAL_USB_SUBMIT_URB);
@@ -136,71 +147,30 @@ USBD_STATUS Transfer::usbStatus() const
     return urb.UrbHeader.Status;
 }
 
-Read::Read(const Camera &camera, std::size_t length, USBD_PIPE_HANDLE pipe, bool shortOk, bool useMdl)
-    : Transfer(camera.lower), length_(length)
-{
-    memory_ = static_cast<std::uint8_t *>(ExAllocatePoolWithTag(NonPagedPool, length + 2 * kGuard, 'daeR'));
-    std::memset(memory_, 0xEE, length + 2 * kGuard);
-    auto &bulk = urb.UrbBulkOrInterruptTransfer;
-    bulk.Hdr.Length = sizeof(bulk);
-    bulk.Hdr.Function = URB_FUNCTION_BULK_OR_INTERRUPT_TRANSFER;
-    bulk.PipeHandle = pipe != nullptr ? pipe : camera.pipe();
-    bulk.TransferFlags = USBD_TRANSFER_DIRECTION_IN | (shortOk ? USBD_SHORT_TRANSFER_OK : 0u);
-    bulk.TransferBufferLength = static_cast<ULONG>(length);
-    if (useMdl) {
-        mdl_ = IoAllocateMdl(memory_ + kGuard, static_cast<ULONG>(length), FALSE, FALSE, nullptr);
-        MmBuildMdlForNonPagedPool(mdl_);
-        bulk.TransferBufferMDL = mdl_;
-    } else {
-        bulk.TransferBuffer = memory_ + kGuard;
-    }
-}
-
-Read::~Read()
-{
-    comeBack();
-    if (mdl_ != nullptr)
-        IoFreeMdl(mdl_);
-    ExFreePoolWithTag(memory_, 'daeR');
-}
-
-std::size_t Read::received() const
+std::size_t Transfer::received() const
 {
     return urb.UrbBulkOrInterruptTransfer.TransferBufferLength;
 }
 
-Bytes Read::bytes() const
+Bytes Transfer::bytes() const
 {
-    return Bytes(memory_ + kGuard, memory_ + kGuard + received());
+    return Bytes(memory_, memory_ + received());
 }
 
-bool Read::guardsIntact() const
+Read::Read(const Camera &camera, std::size_t length, USBD_PIPE_HANDLE pipe, bool shortOk, bool useMdl)
+    : Transfer(camera, URB_FUNCTION_BULK_OR_INTERRUPT_TRANSFER, sizeof(_URB_BULK_OR_INTERRUPT_TRANSFER), Bytes(length),
+               useMdl)
 {
-    for (std::size_t i = 0; i < kGuard; ++i)
-        if (memory_[i] != 0xEE || memory_[kGuard + length_ + i] != 0xEE)
-            return false;
-    return true;
+    urb.UrbBulkOrInterruptTransfer.PipeHandle = pipe != nullptr ? pipe : camera.pipe();
+    urb.UrbBulkOrInterruptTransfer.TransferFlags = USBD_TRANSFER_DIRECTION_IN | (shortOk ? USBD_SHORT_TRANSFER_OK : 0u);
 }
 
-Half::Half(const Camera &camera, bool in, Bytes bytes) : Transfer(camera.lower), bytes_(std::move(bytes))
+Half::Half(const Camera &camera, bool in, const Bytes &bytes)
+    : Transfer(camera, URB_FUNCTION_VENDOR_DEVICE, sizeof(_URB_CONTROL_VENDOR_OR_CLASS_REQUEST), bytes)
 {
     auto &request = urb.UrbControlVendorClassRequest;
-    request.Hdr.Length = sizeof(request);
-    request.Hdr.Function = URB_FUNCTION_VENDOR_DEVICE;
     request.TransferFlags = in ? USBD_TRANSFER_DIRECTION_IN | USBD_SHORT_TRANSFER_OK : 0u;
-    request.TransferBuffer = bytes_.data();
-    request.TransferBufferLength = static_cast<ULONG>(bytes_.size());
     request.Request = 0xB0;
-}
-
-Half::~Half()
-{
-    comeBack();
-}
-
-Bytes Half::reply() const
-{
-    return Bytes(bytes_.begin(), bytes_.begin() + urb.UrbControlVendorClassRequest.TransferBufferLength);
 }
 
 // ------------------------------------------------------------------------------------------------ cameras
@@ -212,7 +182,7 @@ Bytes Camera::command(const Bytes &command)
         half->send();
         EXPECT_EQ(half->wait().status, STATUS_SUCCESS);
     }
-    Bytes reply = in.reply();
+    Bytes reply = in.bytes();
     if (reply.empty() || reply[0] != 0x90) {
         ADD_FAILURE() << "command " << int(command[0]) << " was not carried out";
         return Bytes(63);
@@ -234,11 +204,10 @@ void Camera::writeRegister(std::uint8_t index, std::uint16_t value)
         command({0x1F, index, static_cast<std::uint8_t>(value), static_cast<std::uint8_t>(value >> 8)}).empty());
 }
 
-void Camera::window(unsigned width, unsigned height, unsigned bits)
+void Camera::window(unsigned width, unsigned height)
 {
     writeRegister(0x04, static_cast<std::uint16_t>(width - 1));
     writeRegister(0x03, static_cast<std::uint16_t>(height - 1));
-    command({0x2D, static_cast<std::uint8_t>(bits == 10)});
 }
 
 void Camera::run(bool on)
@@ -252,42 +221,32 @@ Bytes Camera::readStream(std::size_t bytes)
     Read read(*this, bytes);
     read.send();
     EXPECT_EQ(read.wait().status, STATUS_SUCCESS);
-    EXPECT_TRUE(read.guardsIntact());
     return read.bytes();
 }
 
 Bytes Camera::descriptor(std::uint8_t type, std::uint8_t index, std::size_t length, USBD_STATUS status)
 {
-    Bytes data(length);
-    Transfer transfer(lower);
-    auto &request = transfer.urb.UrbControlDescriptorRequest;
-    request.Hdr.Length = sizeof(request);
-    request.Hdr.Function = URB_FUNCTION_GET_DESCRIPTOR_FROM_DEVICE;
-    request.TransferBuffer = data.data();
-    request.TransferBufferLength = static_cast<ULONG>(length);
-    request.DescriptorType = type;
-    request.Index = index;
+    Transfer transfer(*this, URB_FUNCTION_GET_DESCRIPTOR_FROM_DEVICE, sizeof(_URB_CONTROL_DESCRIPTOR_REQUEST),
+                      Bytes(length));
+    transfer.urb.UrbControlDescriptorRequest.DescriptorType = type;
+    transfer.urb.UrbControlDescriptorRequest.Index = index;
     transfer.send();
     EXPECT_EQ(transfer.wait().usbStatus(), status);
-    data.resize(request.TransferBufferLength);
-    return data;
+    return transfer.bytes();
 }
 
 NTSTATUS Camera::select(int alternate)
 {
-    Bytes configuration = descriptor(USB_CONFIGURATION_DESCRIPTOR_TYPE, 1, 4096);
-    // The number of endpoints, read by hand: this is no test of the USB library.
-    std::size_t endpoints = 0;
-    for (std::size_t at = 0; at + 9 <= configuration.size() && configuration[at] >= 2; at += configuration[at])
-        if (configuration[at + 1] == USB_INTERFACE_DESCRIPTOR_TYPE && configuration[at + 3] == alternate)
-            endpoints = configuration[at + 4];
+    Bytes bytes = descriptor(USB_CONFIGURATION_DESCRIPTOR_TYPE, 1, 4096);
+    const auto configuration = reinterpret_cast<PUSB_CONFIGURATION_DESCRIPTOR>(bytes.data());
+    const auto *setting = USBD_ParseConfigurationDescriptorEx(configuration, configuration, 0, alternate, -1, -1, -1);
+    const std::size_t endpoints = setting != nullptr ? setting->bNumEndpoints : 0;
     const std::size_t interfaceBytes =
         offsetof(USBD_INTERFACE_INFORMATION, Pipes) + endpoints * sizeof(USBD_PIPE_INFORMATION);
-    Transfer transfer(lower, sizeof(URB) + interfaceBytes);
+    Transfer transfer(*this, URB_FUNCTION_SELECT_CONFIGURATION,
+                      offsetof(_URB_SELECT_CONFIGURATION, Interface) + interfaceBytes);
     auto &request = transfer.urb.UrbSelectConfiguration;
-    request.Hdr.Function = URB_FUNCTION_SELECT_CONFIGURATION;
-    request.Hdr.Length = static_cast<USHORT>(offsetof(_URB_SELECT_CONFIGURATION, Interface) + interfaceBytes);
-    request.ConfigurationDescriptor = reinterpret_cast<PUSB_CONFIGURATION_DESCRIPTOR>(configuration.data());
+    request.ConfigurationDescriptor = configuration;
     request.Interface.Length = static_cast<USHORT>(interfaceBytes);
     request.Interface.AlternateSetting = static_cast<UCHAR>(alternate);
     request.Interface.NumberOfPipes = static_cast<ULONG>(endpoints);
@@ -307,11 +266,8 @@ USBD_PIPE_HANDLE Camera::pipe(std::uint8_t address) const
 
 NTSTATUS Camera::pipeRequest(USHORT function, USBD_PIPE_HANDLE pipe)
 {
-    Transfer transfer(lower);
-    auto &request = transfer.urb.UrbPipeRequest;
-    request.Hdr.Length = sizeof(request);
-    request.Hdr.Function = function;
-    request.PipeHandle = pipe;
+    Transfer transfer(*this, function, sizeof(_URB_PIPE_REQUEST));
+    transfer.urb.UrbPipeRequest.PipeHandle = pipe;
     transfer.send();
     return transfer.wait().status;
 }
@@ -328,70 +284,49 @@ std::vector<unsigned> lineWords(const Bytes &stream, std::size_t lineBytes)
 
 // --------------------------------------------------------------------------------------------------- rig
 
-simbus::PLUG_REQUEST model(unsigned number, bool mono, std::uint32_t flags)
-{
-    simbus::PLUG_REQUEST request = {};
-    request.Model = number;
-    request.Mono = mono;
-    request.Flags = flags;
-    return request;
-}
+Rig::Rig(const ntos::Options &options) : machine(options), bay(boot()) {}
 
-Rig::Rig(bool manualClock)
-    : machine([&] {
-          ntos::Options options;
-          options.manualClock = manualClock;
-          return options;
-      }())
+vqt::Bay Rig::boot()
 {
     machine.registerDriver({"simbus", SimbusDriverEntry, {VQT_SIMBUS_HARDWARE_ID}});
     machine.registerDriver({"bare", functionEntry, {VQT_SIMBUS_CAMERA_HARDWARE_ID}});
     machine.addRootDevice(VQT_SIMBUS_HARDWARE_ID);
-    control_ = machine.open(VQT_SIMBUS_DOS_NAME);
-    EXPECT_TRUE(control_) << std::hex << control_.status();
+    return vqt::Bay::open().value();
 }
 
 Rig::~Rig()
 {
-    control_.close();
+    bay.port().close();
     for (const std::string &leak : machine.shutdown().leaks)
         ADD_FAILURE() << leak;
 }
 
-Camera Rig::plug(const simbus::PLUG_REQUEST &request)
+Camera Rig::plug(vqt::PlugOptions options)
 {
     newestLower = nullptr;
-    simbus::SLOT_RECORD slot = {};
-    EXPECT_EQ(get(simbus::kIoctlPlug, request, slot).status, STATUS_SUCCESS);
-    machine.settle();
+    options.pace = 0;
     Camera camera;
-    camera.slot = slot.Slot;
+    camera.slot = bay.plug(options).value();
+    machine.settle();
     camera.lower = newestLower;
     EXPECT_NE(camera.lower, nullptr);
     return camera;
 }
 
-Camera Rig::plug(unsigned number, bool mono)
-{
-    return plug(model(number, mono));
-}
-
 void Rig::unplug(const Camera &camera)
 {
-    EXPECT_EQ(set(simbus::kIoctlUnplug, simbus::SLOT_RECORD{camera.slot}), STATUS_SUCCESS);
+    bay.unplug(camera.slot).value();
     machine.settle();
 }
 
-ntos::Result Rig::control(std::uint32_t code, const Bytes &in, void *out, std::size_t outLength)
+bool Rig::serve(const Camera &camera)
 {
-    return control_.deviceControl(code, in.data(), in.size(), out, outLength);
-}
-
-simbus::CAMERA_STATE Rig::state(const Camera &camera)
-{
-    simbus::CAMERA_STATE state = {};
-    EXPECT_EQ(get(simbus::kIoctlReadState, simbus::SLOT_RECORD{camera.slot}, state).status, STATUS_SUCCESS);
-    return state;
+    std::uint32_t slot = camera.slot, moved = 0;
+    EXPECT_TRUE(bay.port()
+                    .deviceControl(simbus::kIoctlServe, {reinterpret_cast<std::uint8_t *>(&slot), sizeof slot},
+                                   {reinterpret_cast<std::uint8_t *>(&moved), sizeof moved})
+                    .ok());
+    return moved != 0;
 }
 
 } // namespace wire

@@ -11,22 +11,26 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <cstring>
 #include <memory>
 #include <mutex>
 #include <vector>
 
-#include "drv/simbus/control.h"
+#include "client/bay.h"
 #include "ntos/machine.h"
 
 namespace wire {
 
 using Bytes = std::vector<std::uint8_t>;
 
-// One URB on its way. It may be sent once; the destructor waits for its completion.
+class Camera;
+
+// One URB on its way, and the memory that it describes: pool, as a driver's would be. It may be sent once; the
+// destructor waits for its completion.
 class Transfer {
+    Bytes storage_;
+
 public:
-    explicit Transfer(PDEVICE_OBJECT device, std::size_t urbBytes = sizeof(URB));
+    Transfer(const Camera &camera, USHORT function, std::size_t urbLength, const Bytes &data = {}, bool useMdl = false);
     Transfer(const Transfer &) = delete;
     ~Transfer();
 
@@ -34,6 +38,8 @@ public:
     Transfer &wait(); // ends the program when nothing comes for half a minute
     void cancel();
     USBD_STATUS usbStatus() const;
+    std::size_t received() const;
+    Bytes bytes() const; // as many as were received
 
     URB &urb;
     // Of the completion.
@@ -42,48 +48,26 @@ public:
     KIRQL irql = 0;
     const void *thread = nullptr;
 
-protected:
-    void comeBack(); // waits when it was sent: its memory may go
-
 private:
     static NTSTATUS onComplete(PDEVICE_OBJECT device, PIRP irp, PVOID context);
 
     PDEVICE_OBJECT device_;
-    std::unique_ptr<std::uint8_t[]> storage_;
-    PIRP irp_ = nullptr;
+    std::uint8_t *memory_ = nullptr;
+    PMDL mdl_ = nullptr;
+    PIRP irp_;
+    bool sent_ = false;
     std::mutex mutex_;
     std::condition_variable done_;
 };
 
-class Camera;
-
-// A bulk read into guarded memory.
-class Read : public Transfer {
-public:
+struct Read : Transfer {
     Read(const Camera &camera, std::size_t length, USBD_PIPE_HANDLE pipe = nullptr, bool shortOk = true,
          bool useMdl = false);
-    ~Read();
-
-    std::size_t received() const;
-    Bytes bytes() const;
-    bool guardsIntact() const;
-
-private:
-    static constexpr std::size_t kGuard = 64;
-    std::size_t length_;
-    std::uint8_t *memory_; // pool, as a driver's would be
-    PMDL mdl_ = nullptr;
 };
 
 // Half a camera command: the bytes of it, or room for its reply.
-class Half : public Transfer {
-public:
-    Half(const Camera &camera, bool in, Bytes bytes = Bytes(64));
-    ~Half();
-    Bytes reply() const;
-
-private:
-    Bytes bytes_;
+struct Half : Transfer {
+    Half(const Camera &camera, bool in, const Bytes &bytes = Bytes(64));
 };
 
 // A plugged camera as its function driver sees it.
@@ -98,7 +82,7 @@ public:
     NTSTATUS pipeRequest(USHORT function, USBD_PIPE_HANDLE pipe);
     USBD_PIPE_HANDLE pipe(std::uint8_t address = 0x82) const;
 
-    void window(unsigned width, unsigned height, unsigned bits = 8);
+    void window(unsigned width, unsigned height);
     void run(bool on); // bit 8 of register 0x1E
     Bytes readStream(std::size_t bytes);
 
@@ -110,55 +94,23 @@ public:
 // The line words of a stream of equal lines with nothing between them.
 std::vector<unsigned> lineWords(const Bytes &stream, std::size_t lineBytes);
 
-simbus::PLUG_REQUEST model(unsigned number, bool mono, std::uint32_t flags = simbus::kPlugPaceGiven);
-
 // While somebody holds it, the function driver sits on surprise removals: the camera is gone, its device object is not.
 extern std::mutex removals;
 
-// A record and the items behind it, as they travel.
-template <typename T, typename ITEM = std::uint8_t> Bytes packed(const T &record, const std::vector<ITEM> &items = {})
-{
-    const auto *first = reinterpret_cast<const std::uint8_t *>(&record);
-    const auto *rest = reinterpret_cast<const std::uint8_t *>(items.data());
-    Bytes bytes(first, first + sizeof record);
-    bytes.insert(bytes.end(), rest, rest + items.size() * sizeof(ITEM));
-    return bytes;
-}
-
 class Rig {
 public:
-    explicit Rig(bool manualClock = false);
+    explicit Rig(const ntos::Options &options = {});
     ~Rig();
 
-    Camera plug(const simbus::PLUG_REQUEST &request);
-    Camera plug(unsigned number, bool mono = true);
+    Camera plug(vqt::PlugOptions options = {}); // as fast as it is read
     void unplug(const Camera &camera);
-
-    ntos::Result control(std::uint32_t code, const Bytes &in, void *out = nullptr, std::size_t outLength = 0);
-    template <typename T, typename ITEM = std::uint8_t>
-    ntos::NtStatus set(std::uint32_t code, const T &record, const std::vector<ITEM> &items = {})
-    {
-        return control(code, packed(record, items)).status;
-    }
-    template <typename T, typename Out> ntos::Result get(std::uint32_t code, const T &record, Out &out)
-    {
-        return control(code, packed(record), &out, sizeof out);
-    }
-    // LINE_FAULT, BULK_FAULT or COMMAND_FAULT records, in place of those before. Their requests begin alike.
-    template <typename FAULT> ntos::NtStatus script(const Camera &camera, const std::vector<FAULT> &faults)
-    {
-        const std::uint32_t code = std::is_same_v<FAULT, simbus::LINE_FAULT>   ? simbus::kIoctlSetLineFaults
-                                   : std::is_same_v<FAULT, simbus::BULK_FAULT> ? simbus::kIoctlSetBulkFaults
-                                                                               : simbus::kIoctlSetCommandFaults;
-        return set(code, simbus::LINE_FAULTS_REQUEST{camera.slot, 0, static_cast<std::uint32_t>(faults.size())},
-                   faults);
-    }
-    simbus::CAMERA_STATE state(const Camera &camera);
+    bool serve(const Camera &camera); // by hand; false when there was nothing to do
 
     ntos::Machine machine;
+    vqt::Bay bay;
 
 private:
-    ntos::File control_;
+    vqt::Bay boot();
 };
 
 } // namespace wire
