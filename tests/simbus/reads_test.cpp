@@ -127,4 +127,24 @@ TEST(Reads, WrongHandlesAndBuffersAreRefused)
     refused(USBD_STATUS_INVALID_URB_FUNCTION, [](auto &urb) { urb.Hdr.Function = URB_FUNCTION_ISOCH_TRANSFER; });
 }
 
+// No byte without time, and as many as the time allows.
+TEST(Reads, ArriveAtThePace)
+{
+    wire::Rig rig({.manualClock = true});
+    wire::Camera camera = ready(rig);
+    rig.bay.setMode(camera.slot, simbus::kModeAll).value();
+    rig.bay.setPace(camera.slot, 1'000'000).value();
+    Read read(camera, 200'000);
+    read.send();
+    camera.run(true);
+    unsigned steps = 0;
+    while (read.completions == 0 && ++steps < 30) {
+        rig.machine.clock().advance(std::chrono::milliseconds(10));
+        while (rig.serve(camera)) {
+        }
+        EXPECT_LE(rig.bay.state(camera.slot).value().BytesSent, steps * 10'000);
+    }
+    EXPECT_NEAR(steps, 20, 3);
+}
+
 } // namespace
