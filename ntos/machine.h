@@ -62,29 +62,8 @@ std::string toString(const Guid &guid);
 
 // ---------------------------------------------------------------------------------------------------------- requests
 
-// A request that was begun and may still be in flight. Its buffers must live until it is finished. The destructor cancels
-// the request if need be and waits for it.
-class PendingRequest {
-public:
-    PendingRequest() = default;
-    PendingRequest(PendingRequest &&) noexcept;
-    PendingRequest &operator=(PendingRequest &&) noexcept;
-    ~PendingRequest();
-
-    bool done() const;
-    bool returnedPending() const; // the top driver answered STATUS_PENDING
-    bool cancel();                // true when a cancel routine was there to be called
-    Result wait();                // blocks until the request is finished
-    std::optional<Result> waitFor(std::chrono::milliseconds realTime);
-
-private:
-    friend class File;
-    explicit PendingRequest(std::shared_ptr<detail::PendingIo> io) : io_(std::move(io)) {}
-    std::shared_ptr<detail::PendingIo> io_;
-};
-
 // An open handle. It belongs to the process that the opening thread had entered. Closing sends cleanup and close; the
-// destructor closes. All requests block until the driver has finished them, except those of begin().
+// destructor closes. Requests block until the driver has finished them.
 class File {
 public:
     File() = default;
@@ -104,14 +83,11 @@ public:
     {
         return deviceControl(code, in.data(), in.size(), out.data(), out.size());
     }
-    PendingRequest beginDeviceControl(std::uint32_t code, const void *in, std::size_t inLength, void *out, std::size_t outLength);
 
     Result read(void *buffer, std::size_t length, std::uint64_t offset = 0);
     Result write(const void *buffer, std::size_t length, std::uint64_t offset = 0);
     // Any other major function code, without buffers.
     Result send(std::uint8_t major, std::uint8_t minor = 0);
-    // Cancels everything in flight on this handle.
-    void cancelAll();
 
 private:
     friend class Machine;

@@ -58,14 +58,6 @@ void abandon(detail::PendingIo &io)
     irpRecord(io.irp)->io = nullptr; // the cycle; the caller still holds io
 }
 
-void send(const std::shared_ptr<detail::PendingIo> &io, PDEVICE_OBJECT top, const char *routine)
-{
-    // The top driver may answer before it completes the request, and the other way round.
-    const NTSTATUS status = callDriver(top, io->irp, routine);
-    std::lock_guard guard(io->lock);
-    io->returnedPending = status == STATUS_PENDING;
-}
-
 } // namespace
 
 NTSTATUS prepareBuffers(PIRP irp, ULONG code, const void *in, std::size_t inLength, void *out, std::size_t outLength)
@@ -191,7 +183,7 @@ Result sendToStack(PDEVICE_OBJECT device, UCHAR major, UCHAR minor, NTSTATUS ini
         location->MinorFunction = minor;
         if (fill)
             fill(io->irp, location);
-        send(io, top, "IoCallDriver");
+        callDriver(top, io->irp, "IoCallDriver");
         result = waitForIo(*io);
     }
     dereferenceDevice(top);
@@ -371,7 +363,7 @@ static std::shared_ptr<detail::PendingIo> begin(const std::shared_ptr<detail::Op
     io->irp->Tail.Overlay.OriginalFileObject = &file->object->object;
     status = fill(io->irp, location);
     if (NT_SUCCESS(status))
-        send(io, top, "NtDeviceIoControlFile");
+        callDriver(top, io->irp, "NtDeviceIoControlFile");
     else
         abandon(*io);
     return NT_SUCCESS(status) ? io : nullptr;
@@ -383,19 +375,6 @@ Result File::deviceControl(std::uint32_t code, const void *in, std::size_t inLen
     auto io = begin(file_, status, IRP_MJ_DEVICE_CONTROL, 0,
                     [&](PIRP irp, PIO_STACK_LOCATION) { return prepareBuffers(irp, code, in, inLength, out, outLength); });
     return io == nullptr ? Result{status, 0} : waitForIo(*io);
-}
-
-PendingRequest File::beginDeviceControl(std::uint32_t code, const void *in, std::size_t inLength, void *out, std::size_t outLength)
-{
-    NTSTATUS status;
-    auto io = begin(file_, status, IRP_MJ_DEVICE_CONTROL, 0,
-                    [&](PIRP irp, PIO_STACK_LOCATION) { return prepareBuffers(irp, code, in, inLength, out, outLength); });
-    if (io == nullptr) {
-        io = std::make_shared<detail::PendingIo>();
-        io->result = {status, 0};
-        io->done = true;
-    }
-    return PendingRequest(std::move(io));
 }
 
 static Result transfer(const std::shared_ptr<detail::OpenFile> &file, UCHAR major, void *buffer, std::size_t length, std::uint64_t offset)
@@ -443,70 +422,6 @@ Result File::send(std::uint8_t major, std::uint8_t minor)
     NTSTATUS status;
     auto io = begin(file_, status, major, minor, [](PIRP, PIO_STACK_LOCATION) { return STATUS_SUCCESS; });
     return io == nullptr ? Result{status, 0} : waitForIo(*io);
-}
-
-void File::cancelAll()
-{
-    if (!file_)
-        return;
-    std::vector<std::shared_ptr<detail::PendingIo>> left;
-    {
-        std::lock_guard guard(file_->lock);
-        for (auto &request : file_->requests)
-            if (auto io = request.lock())
-                left.push_back(std::move(io));
-    }
-    for (auto &io : left)
-        cancelIo(*io);
-}
-
-PendingRequest::PendingRequest(PendingRequest &&) noexcept = default;
-
-PendingRequest &PendingRequest::operator=(PendingRequest &&other) noexcept
-{
-    if (this != &other) {
-        PendingRequest old(std::move(*this));
-        io_ = std::move(other.io_);
-    }
-    return *this;
-}
-
-PendingRequest::~PendingRequest()
-{
-    if (!io_ || done())
-        return;
-    cancel();
-    wait();
-}
-
-bool PendingRequest::done() const
-{
-    std::lock_guard guard(io_->lock);
-    return io_->done;
-}
-
-bool PendingRequest::returnedPending() const
-{
-    std::lock_guard guard(io_->lock);
-    return io_->returnedPending;
-}
-
-bool PendingRequest::cancel()
-{
-    return cancelIo(*io_);
-}
-
-Result PendingRequest::wait()
-{
-    return waitForIo(*io_);
-}
-
-std::optional<Result> PendingRequest::waitFor(std::chrono::milliseconds realTime)
-{
-    std::unique_lock guard(io_->lock);
-    if (!io_->finished.wait_for(guard, realTime, [&] { return io_->done; }))
-        return {};
-    return io_->result;
 }
 
 } // namespace ntos

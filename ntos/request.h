@@ -26,7 +26,6 @@ struct PendingIo {
     std::mutex lock;
     std::condition_variable finished;
     bool done = false;
-    bool returnedPending = false;
     bool cancelled = false;
     Result result;
     PIRP irp = nullptr;               // lives as long as this record
