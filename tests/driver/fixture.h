@@ -24,15 +24,6 @@ protected:
     {
         EXPECT_EQ("", rig.finish());
     }
-    // What is still there after the last camera has gone.
-    std::string left()
-    {
-        std::string found = rig.ids().empty() ? "" : "a name ";
-        found += rig.machine.symbolicLink("QorinInfer01r00") ? "a slave name " : "";
-        found += rig.machine.deviceNameExists("\\Device\\UsbVQTR42X0") ? "a device " : "";
-        found += vqt::Camera::listInterfaces().empty() ? "" : "an interface ";
-        return found + (rig.machine.pool("42QV").blocks == 0 ? "" : "pool");
-    }
     Rig rig;
 };
 

@@ -94,36 +94,4 @@ TEST_F(Pnp, SurpriseWhileStreaming)
     EXPECT_EQ(rig.plug(model(1)).id, '0');
 }
 
-// Stopped and started again: nothing is registered twice, nothing is lost, and removal takes away what is there.
-TEST_F(Pnp, StopAndStartAgain)
-{
-    const Camera camera = rig.plug(model(1), [this](std::uint32_t slot) {
-        rig.bay.setDefects(slot, std::vector<simbus::DEFECT_RECORD>{{1, 1, 0}, {9, 9, 0}}).value();
-    });
-    ntos::Device device = camera.device;
-    Handle handle = rig.open(camera);
-    ASSERT_EQ(handle.window(window(100, 50, 640, 480)), st::success);
-    const ntos::Counters before = rig.machine.counters();
-    const ntos::PoolTagStatistics pool = rig.machine.pool("42QV");
-    for (unsigned round = 1; round <= 3; ++round) {
-        SCOPED_TRACE(round);
-        ASSERT_EQ(device.queryStop(), st::success);
-        ASSERT_EQ(device.stop(), st::success);
-        ASSERT_EQ(device.start(), st::success);
-        const ntos::Counters now = rig.machine.counters();
-        EXPECT_EQ(now.symbolicLinks, before.symbolicLinks);
-        EXPECT_EQ(now.interfaces, before.interfaces);
-        EXPECT_EQ(now.mdls, before.mdls);
-        EXPECT_EQ(rig.machine.pool("42QV").blocks, pool.blocks);
-        EXPECT_EQ(rig.machine.pool("42QV").bytes, pool.bytes);
-        EXPECT_EQ(handle.window().Width, 1280) << "a start sets the window to the whole sensor";
-        ASSERT_EQ(handle.status(1), st::success);
-        EXPECT_EQ(handle.frame(frame), st::success);
-        EXPECT_EQ(handle.status(0), st::success);
-    }
-    handle.close();
-    rig.unplug(camera);
-    EXPECT_EQ("", left());
-}
-
 } // namespace

@@ -192,7 +192,10 @@ TEST_F(Startup, AFailureLeavesWhatItShould)
         EXPECT_EQ(vqt::Camera::listInterfaces().size(), started ? 1u : 0u);
         EXPECT_EQ(rig.machine.pool("42QV").blocks, started || slave ? 3u : 0u);
         rig.unplug(camera);
-        EXPECT_EQ("", left());
+        EXPECT_TRUE(rig.ids().empty());
+        EXPECT_FALSE(rig.machine.symbolicLink("QorinInfer01r00") ||
+                     rig.machine.deviceNameExists("\\Device\\UsbVQTR42X0"));
+        EXPECT_EQ(rig.machine.pool("42QV").blocks, 0u);
         const Camera next = rig.plug(model(1));
         EXPECT_EQ(next.id, '0');
         EXPECT_EQ(next.device.state(), DeviceState::started);
