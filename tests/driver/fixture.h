@@ -7,6 +7,13 @@
 
 namespace rig {
 
+constexpr NtStatus kAnyFailure = 1;
+
+inline void expectStatus(NtStatus got, NtStatus wanted)
+{
+    EXPECT_TRUE(wanted == kAnyFailure ? !ntos::succeeded(got) : got == wanted) << std::hex << got;
+}
+
 class DriverTest : public ::testing::Test {
 protected:
     explicit DriverTest(const ntos::Options &options = {}) : rig(options)

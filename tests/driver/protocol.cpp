@@ -9,7 +9,6 @@ using namespace rig;
 namespace {
 
 using Strings = std::vector<std::string>;
-constexpr NtStatus kAnyFailure = 1;
 
 class Protocol : public DriverTest {
 protected:
@@ -26,10 +25,6 @@ protected:
         EXPECT_TRUE(
             rig.said("  pnp/PnpShutdownDevice: KeReadStateSemaphore(& (DevExt->HwCommandSemaphore)) = 1 \n", mark));
         DriverTest::TearDown();
-    }
-    static void expectStatus(NtStatus got, NtStatus wanted)
-    {
-        EXPECT_TRUE(wanted == kAnyFailure ? !ntos::succeeded(got) : got == wanted) << std::hex << got;
     }
     Camera camera;
     Handle handle;
@@ -156,22 +151,16 @@ TEST_F(Protocol, DescriptorsAreCheckedBeforeTheyAreBelieved)
         {"one pipe", good, st::success, true, "Pipe #0 : MaximumPacketSize=512 MaximumTransferSize=50176\n"},
         {"three pipes", configuration({stream, other, {0x03, 2, 512}}), st::success, true,
          "Pipe #2 : MaximumPacketSize=512 MaximumTransferSize=50176\n"},
-        {"interrupt last", configuration({stream, {0x81, 3, 64}}), st::success, true},
         {"isochronous last", configuration({stream, {0x81, 1, 1023}}), st::success, true, "Hmm, ISO mode ???\n"},
         {"no pipe", configuration({}), st::success},
         {"another endpoint", configuration({other}), st::success},
         {"setting missing", changed(cut(good, 18), 2, 18), st::insufficientResources, false, "Pid==NULL\n"},
-        {"total 8", changed(good, 2, 8), kAnyFailure},
-        {"total 0", changed(good, 2, 0), kAnyFailure},
-        {"total 9", changed(cut(good, 9), 2, 9), st::insufficientResources, false, "Pid==NULL\n"},
-        {"total 65535", changed(changed(good, 2, 255), 3, 255), kAnyFailure},
-        {"total cuts the endpoint", changed(good, 2, static_cast<std::uint8_t>(good.size() - 4)), kAnyFailure},
-        {"delivered 4", cut(good, 4), kAnyFailure},
-        {"delivered nothing", Bytes{9}, kAnyFailure},
-        {"length 0 first", changed(good, 9, 0), kAnyFailure},
-        {"length 0 endpoint", changed(good, good.size() - 7, 0), kAnyFailure},
-        {"length 255", changed(good, 18, 255), kAnyFailure},
-        {"endpoints 200", changed(good, 22, 200), kAnyFailure},
+        {"total 8", changed(good, 2, 8), st::adapterHardwareError},
+        {"total 65535", changed(changed(good, 2, 255), 3, 255), st::adapterHardwareError},
+        {"delivered 4", cut(good, 4), st::adapterHardwareError},
+        {"delivered nothing", Bytes{9}, st::adapterHardwareError},
+        {"length 0 endpoint", changed(good, good.size() - 7, 0), st::adapterHardwareError},
+        {"endpoints 200", changed(good, 22, 200), st::adapterHardwareError},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);

@@ -31,6 +31,8 @@ public:
     {
         machine_.machine.faults().only({"usbcam"});
         machine_.machine.faults().random(seed_, kFailurePercent);
+        // Some requests are completed by other threads than the bus's.
+        machine_.machine.faults().scheduling({.completeElsewhere = true, .percent = 30, .seed = seed_});
         const auto begin = std::chrono::steady_clock::now();
         std::vector<std::thread> threads;
         for (unsigned i = 0; i < kCameras; ++i)

@@ -120,56 +120,86 @@ TEST_F(Startup, OnTheWire)
                                         "> 1F 05 23 00", "> 1F 06 19 00", "> 1F 49 00 00", "> 2C 01"}));
 }
 
-TEST_F(Startup, AFailureIsReported)
+TEST_F(Startup, AFailureLeavesWhatItShould)
 {
+    // What the camera has afterwards.
+    enum Left { nothing, name, bothNames, oneNameAndRuns, all };
+    const char *const pool = "ExAllocatePoolWithTag", *const start = "camera/VQT_StartDevice",
+                      *const add = "pnp/USBCAM_AddDevice", *const pnp = "pnp/PnpStartDevice",
+                      *const memory = "Out of memory, return %08Xh\n", *const info = "GetInfo() return %08Xh\n",
+                      *const infoEx = "GetCameraInfoEx() return %08Xh \n",
+                      *const chip = "Read ChipID failed, return %08Xh \n";
+    const std::vector<Event> none, noChip = {{kNoChip}, {kBadChip, {0}}}, noMemory = {{kNoMemory}};
     const struct {
-        std::uint16_t code, kind; // of the failed command; without a code the n-th allocation fails
-        bool starts;
-        std::uint32_t event;
-        const char *said;
+        const char *routine;       // of the kernel that fails; none: a command does
+        std::uint16_t which, kind; // the n-th call; the command and its fault
+        Left left;
+        NtStatus status;
+        std::vector<Event> events;
+        const char *who, *said;
     } rows[] = {
-        {0x11, simbus::kCommandStatusByte, false, kNoInfo, "GetInfo() return %08Xh\n"},
-        {0x11, simbus::kCommandStall, false, kNoInfo, "GetInfo() return %08Xh\n"},
-        {0x12, simbus::kCommandStatusByte, false, kNoInfoEx, "GetCameraInfoEx() return %08Xh \n"},
-        {0x12, simbus::kCommandReplyStall, false, kNoInfoEx, "GetCameraInfoEx() return %08Xh \n"},
-        {0x1E, simbus::kCommandStatusByte, true, kNoChip, "Read ChipID failed, return %08Xh \n"},
+        {nullptr, 0x11, simbus::kCommandStatusByte, name, st::adapterHardwareError, {{kNoInfo}}, start, info},
+        {nullptr, 0x11, simbus::kCommandStall, name, kAnyFailure, {{kNoInfo}}, start, info},
+        {nullptr, 0x12, simbus::kCommandStatusByte, name, st::adapterHardwareError, {{kNoInfoEx}}, start, infoEx},
+        {nullptr, 0x12, simbus::kCommandReplyStall, name, kAnyFailure, {{kNoInfoEx}}, start, infoEx},
+        // Goes on with a chip nobody knows.
+        {nullptr, 0x1E, simbus::kCommandStatusByte, all, st::adapterHardwareError, noChip, start, chip},
         // The descriptor and the three buffers are all that a start takes from the pool before its defect list.
-        {0, 2, false, kNoMemory, "Out of memory, return %08Xh\n"},
-        {0, 3, false, kNoMemory, "Out of memory, return %08Xh\n"},
-        {0, 4, false, kNoMemory, "Out of memory, return %08Xh\n"},
+        {pool, 2, 0, name, st::noMemory, noMemory, start, memory},
+        {pool, 3, 0, name, st::noMemory, noMemory, start, memory},
+        {pool, 4, 0, name, st::noMemory, noMemory, start, memory},
+        {"IoCreateDevice", 1, 0, nothing, kAnyFailure, none, add, "Can not create device object, return %Xh \n"},
+        {"IoAttachDeviceToDeviceStack", 1, 0, nothing, st::noSuchDevice, none, add, "Can not attach device! \n"},
+        {"IoGetDeviceProperty", 2, 0, all, st::success, none, nullptr, ""},
+        {"IoBuildDeviceIoControlRequest", 1, 0, name, st::insufficientResources, none, pnp, "return %Xh\n"},
+        {"IoCreateSymbolicLink", 2, 0, oneNameAndRuns, st::success, none, "pnp/AddSlaveDevice", "~ return C~h\n"},
+        {"IoRegisterDeviceInterface", 1, 0, bothNames, kAnyFailure, none, pnp, "Unable ~, Status=[%X] \n"},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(&row - rows);
         rig.machine.eventLog().clear();
         const std::uint64_t mark = rig.mark();
-        unsigned allocations = 0;
-        const Camera camera = rig.plug(model(1), [&](std::uint32_t slot) {
-            if (row.code)
-                rig.commandFault(slot, row.code, row.kind, 0x91);
-            else
-                rig.machine.faults().onCall([&](const ntos::KernelCall &call) {
-                    return call.routine == std::string_view("ExAllocatePoolWithTag") && ++allocations == row.kind;
-                });
-        });
-        EXPECT_EQ(camera.device.state(), row.starts ? DeviceState::started : DeviceState::added);
+        unsigned calls = 0;
+        if (row.routine) {
+            rig.machine.faults().only({"usbcam"});
+            rig.machine.faults().onCall([&](const ntos::KernelCall &call) {
+                return call.routine == std::string_view(row.routine) && ++calls == row.which;
+            });
+        }
+        const auto failCommand = [&](std::uint32_t slot) { rig.commandFault(slot, row.which, row.kind, 0x91); };
+        const Camera camera = row.routine ? rig.plug(model(1)) : rig.plug(model(1), failCommand);
+        rig.machine.faults().off();
+        ASSERT_TRUE(!row.routine || calls >= row.which) << "the fault met no call";
+        const bool added = row.left != nothing, slave = row.left == bothNames || row.left == all,
+                   started = row.left >= oneNameAndRuns;
+        const NtStatus answer = added ? camera.device.startStatus() : camera.device.addStatus();
         const std::vector<ntos::EventLogEntry> entries = rig.machine.eventLog().entries();
-        ASSERT_FALSE(entries.empty());
-        const NtStatus status = entries[0].finalStatus;
-        EXPECT_FALSE(ntos::succeeded(status));
-        EXPECT_TRUE(row.code != 0 || status == st::noMemory);
-        EXPECT_TRUE(row.code == 0 || row.kind != simbus::kCommandStatusByte || status == st::adapterHardwareError);
+        const NtStatus status = entries.empty() ? answer : entries[0].finalStatus;
+        expectStatus(status, row.status);
+        EXPECT_EQ(answer, started ? st::success : status);
+        expectEvents(rig, row.events, status);
         char text[128];
         std::snprintf(text, sizeof text, row.said, static_cast<unsigned>(status));
-        EXPECT_EQ(rig.times(std::string("E camera/VQT_StartDevice: ") + text, mark), 1u) << text;
-        std::vector<Event> events{{row.event}};
-        if (row.starts)
-            events.push_back({kBadChip, {0}}); // goes on with a chip nobody knows
-        expectEvents(rig, events, status);
-        EXPECT_EQ(camera.device.startStatus(), row.starts ? st::success : status);
-        EXPECT_EQ(rig.machine.symbolicLink("QorinInfer01r00").has_value(), row.starts);
-        EXPECT_EQ(vqt::Camera::listInterfaces().size(), row.starts ? 1u : 0u);
-        EXPECT_EQ(rig.machine.pool("42QV").blocks, row.starts ? 3u : 0u);
+        const std::string line =
+            row.who ? std::string("E ") + row.who + ": " + text : "  pnp/PnpStartDevice: return 0h\n";
+        EXPECT_EQ(rig.times(line, mark), 1u) << line;
+        EXPECT_EQ(camera.device.state(), started ? DeviceState::started
+                                         : added ? DeviceState::added
+                                                 : DeviceState::enumerated);
+        EXPECT_EQ(rig.machine.deviceNameExists("\\Device\\UsbVQTR42X0"), added);
+        EXPECT_EQ(rig.machine.symbolicLink("UsbVQTR42Xx_0").has_value(), added);
+        EXPECT_EQ(rig.machine.symbolicLink("QorinInfer01r00").has_value(), slave);
+        EXPECT_EQ(vqt::Camera::listInterfaces().size(), started ? 1u : 0u);
+        EXPECT_EQ(rig.machine.pool("42QV").blocks, started || slave ? 3u : 0u);
         rig.unplug(camera);
+        EXPECT_TRUE(rig.ids().empty());
+        EXPECT_FALSE(rig.machine.symbolicLink("QorinInfer01r00") ||
+                     rig.machine.deviceNameExists("\\Device\\UsbVQTR42X0"));
+        EXPECT_EQ(rig.machine.pool("42QV").blocks, 0u);
+        const Camera next = rig.plug(model(1));
+        EXPECT_EQ(next.id, '0');
+        EXPECT_EQ(next.device.state(), DeviceState::started);
+        rig.unplug(next);
     }
 }
 

@@ -34,7 +34,6 @@ constexpr Difference kDifferences[] = {
     {"Snapshot", "EverySize", "too slow for this many requests"},
     {"Snapshot", "LimitPassesInTheMiddleOfAFrame", kNoClock},
     {"Snapshot", "ExternalTrigger", kOneThread},
-    {"Snapshot", "CancelAtAnyMoment", kOneThread},
     {"FrameWait", "*", kNoClock},
     {"Mapping", "*", kNoMapping},
     {"Unplug", "WhileARequestWaits", kOneThread},

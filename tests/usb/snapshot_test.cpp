@@ -2,10 +2,8 @@
 
 #include "fake_bus.h"
 
+#include "drv/usb/camera.h"
 #include "drv/usb/snapshot.h"
-#include "drv/usb/stream.h"
-
-#include <cstring>
 
 namespace usbtest {
 namespace {
@@ -20,8 +18,8 @@ Captured capture(FakeBus &bus, std::size_t bufferBytes = kWidth * kHeight)
 {
     Captured result;
     result.image.assign(bufferBytes, 0xEE);
-    bus.run([&](PDEVICE_OBJECT device) {
-        result.status = VQT_GetSnapshot(device, result.image.data(), static_cast<LONG>(bufferBytes), &result.size);
+    result.status = bus.status([&](PDEVICE_OBJECT device) {
+        return VQT_GetSnapshot(device, result.image.data(), static_cast<LONG>(bufferBytes), &result.size);
     });
     return result;
 }
@@ -121,23 +119,23 @@ TEST_F(SnapshotTest, AnAbsurdLimitEndsTheWaitAtOnce)
     bus.expectIdle();
 }
 
-// One of two reads fails, or cannot be had, and the abort as well: the other one must come back before anything is
-// released.
+// One of two reads fails, or the given request cannot be had, and the abort as well: the other read must come back
+// before anything is released.
 TEST_F(SnapshotTest, AReadFails)
 {
-    struct Case {
-        bool abortFails;
-        unsigned failingAllocation;
-    };
-    for (const Case &test : {Case{false, 0}, {true, 0}, {false, 1}, {true, 2}}) {
-        SCOPED_TRACE(testing::Message() << test.abortFails << ' ' << test.failingAllocation);
+    for (const auto &[abortFails, failing] : {std::pair{false, 0u}, {true, 0u}, {false, 1u}, {true, 2u}}) {
+        SCOPED_TRACE(testing::Message() << abortFails << ' ' << failing);
         FakeBus bus(machine, kOneFrame);
         needTwoReads(bus);
-        bus.abortFails = test.abortFails;
-        bus.failAllocation(test.failingAllocation);
+        bus.abortFails = abortFails;
+        machine.faults().only({kTestDriver});
+        machine.faults().onlyRoutines({"IoAllocateIrp"});
+        std::atomic<unsigned> calls{0};
+        machine.faults().onCall(
+            [&, which = failing](const ntos::KernelCall &call) { return call.canFail && ++calls == which; });
         Captured captured;
         std::thread application([&] { captured = capture(bus); });
-        if (test.failingAllocation == 0) {
+        if (failing == 0) {
             while (bus.waiting() < 2)
                 std::this_thread::yield();
             EXPECT_TRUE(bus.completeOne(Answer{STATUS_DEVICE_DATA_ERROR, 0}));
@@ -146,7 +144,7 @@ TEST_F(SnapshotTest, AReadFails)
         machine.faults().off();
         EXPECT_EQ(captured.status, STATUS_SUCCESS);
         EXPECT_EQ(captured.size, 0u);
-        EXPECT_EQ(bus.lengths.size(), test.failingAllocation == 0 ? 2 : test.failingAllocation - 1);
+        EXPECT_EQ(bus.lengths.size(), failing == 0 ? 2 : failing - 1);
         bus.expectIdle();
     }
 }
@@ -162,12 +160,15 @@ TEST_F(SnapshotTest, ACancelAtEveryMomentEndsIt)
         bus.ext->AltSetting = 0;
         bus.abortFails = moment % 3 == 0;
         std::atomic<bool> reached{false}, ended{false};
+        // A stop is a cancel as well.
         const auto cancel = [&] {
-            while (!ended && bus.status(VQT_CancelSnapshot) != STATUS_SUCCESS)
+            while (!ended && bus.status([&](PDEVICE_OBJECT device) {
+                return moment % 2 == 0 ? VQT_CancelSnapshot(device) : VQT_SetCameraStatus(device, CameraStopped);
+            }) != STATUS_SUCCESS)
                 std::this_thread::yield();
         };
         std::thread canceller;
-        machine.faults().only({"testcamera"});
+        machine.faults().only({kTestDriver});
         machine.faults().resetCalls();
         machine.faults().atCall(moment, [&](const ntos::KernelCall &) {
             reached = true;
@@ -226,19 +227,18 @@ TEST_F(SnapshotTest, OneOfManyBegins)
     bus.expectIdle();
 }
 
-// What cannot be captured is refused before the camera is touched.
+// What no frame buffers can take is refused before the camera is touched.
 TEST_F(SnapshotTest, Refusals)
 {
-    FakeBus bus(machine);
-    PUCHAR kept = nullptr;
-    const std::function<void(DEVICE_EXTENSION &)> changes[] = {
+    void (*const changes[])(DEVICE_EXTENSION &) = {
         [](auto &ext) { ext.Height = 0; },
         [](auto &ext) { ext.FrameBufSize = 0; },
         [](auto &ext) { ext.FrameBufSize = 300; }, // more than three reads
         [](auto &ext) { ext.Height = ext.Width = 0xFFFFFFFF; },
-        [&](auto &ext) { kept = std::exchange(ext.Frame[1], nullptr); },
+        [](auto &ext) { ext.Frame[1] = nullptr; },
     };
     for (const auto &change : changes) {
+        FakeBus bus(machine);
         change(*bus.ext);
         const Captured captured = capture(bus);
         EXPECT_EQ(captured.status, STATUS_INVALID_DEVICE_REQUEST);
@@ -246,14 +246,7 @@ TEST_F(SnapshotTest, Refusals)
         EXPECT_TRUE(bus.lengths.empty());
         EXPECT_EQ(bus.ext->AltSetting, 0);
         bus.expectIdle();
-        bus.ext->Width = kWidth;
-        bus.ext->Height = kHeight;
-        bus.ext->FrameBufSize = kBuffer;
     }
-    bus.ext->Frame[1] = kept;
-    bus.ext->CameraStatus = CameraSnapshot; // of a capture that has no pipe
-    EXPECT_EQ(bus.status(VQT_CancelSnapshot), STATUS_INVALID_DEVICE_REQUEST);
-    bus.ext->CameraStatus = CameraStopped;
 }
 
 } // namespace
