@@ -1,7 +1,8 @@
-// Every scenario with every call that can fail failing once, and with the camera unplugged at every kernel call; random
-// failures are the soak's. Afterwards the same scenario must work on the same machine, and nothing may be left.
+// Every scenario with every call that can fail failing once, with the camera unplugged at every kernel call, and with
+// random failures. Afterwards the same scenario must work on the same machine, and nothing may be left.
 //
-// USBCAM_SWEEP=all takes every call index instead of a sample, USBCAM_ROUNDS=n another number of plug rounds.
+// USBCAM_SWEEP=all takes every call index instead of a sample, USBCAM_SEED=n other random failures, USBCAM_ROUNDS=n
+// another number of plug rounds.
 #include "fixture.h"
 
 #include <atomic>
@@ -10,6 +11,12 @@
 using namespace rig;
 
 namespace {
+
+std::uint64_t setting(const char *name, std::uint64_t otherwise)
+{
+    const char *text = std::getenv(name);
+    return text ? std::strtoull(text, nullptr, 10) : otherwise;
+}
 
 // The statuses that a request may fail with when a resource is missing or the camera has gone.
 constexpr std::uint32_t kKnown[] = {
@@ -297,14 +304,31 @@ TEST_P(Sweep, UnpluggedAtEveryCall)
                 static_cast<unsigned long long>(calls));
 }
 
+TEST_P(Sweep, RandomFailures)
+{
+    const std::uint64_t first = setting("USBCAM_SEED", 1);
+    for (std::uint64_t seed = first; seed < first + 8 && !HasFailure(); ++seed) {
+        SCOPED_TRACE("seed " + std::to_string(seed));
+        shake([seed](Life &life) {
+            life.rig.machine.faults().random(seed, 6);
+            ntos::SchedulingFaults scheduling;
+            scheduling.forcePending = seed & 1;
+            scheduling.completeBeforeReturn = seed & 2;
+            scheduling.completeElsewhere = seed & 4;
+            scheduling.percent = 30;
+            scheduling.seed = seed;
+            life.rig.machine.faults().scheduling(scheduling);
+        });
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(Scenarios, Sweep, ::testing::ValuesIn(kScenarios),
                          [](const auto &info) { return std::string(info.param.name); });
 
 // Plugged and unplugged over and over, some while they stream, some with a handle left open for a while.
 TEST(Rounds, PlugAndUnplug)
 {
-    const char *const wanted = std::getenv("USBCAM_ROUNDS");
-    const std::uint64_t rounds = wanted ? std::strtoull(wanted, nullptr, 10) : USBCAM_DEFAULT_ROUNDS;
+    const std::uint64_t rounds = setting("USBCAM_ROUNDS", USBCAM_DEFAULT_ROUNDS);
     Rig rig({}, false);
     rig.machine.verifier().setHandler([](const ntos::Violation &broken) { ADD_FAILURE() << broken.line(); });
     Handle kept;

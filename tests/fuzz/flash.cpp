@@ -31,6 +31,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     extension.IsMono = flags & 0x20 ? 1 : 0;
     extension.MaxWidth = 2048;
     extension.MaxHeight = 1536;
+    extension.FrameBufSize = static_cast<ULONG>(ImageSize(geometry.Width, geometry.Height, geometry.BitsPerPixel));
 
     std::vector<BADPIX_RECORD> records;
     for (std::size_t i = 0; i < 64 && input.left() >= 3; ++i) {
