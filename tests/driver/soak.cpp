@@ -63,7 +63,7 @@ public:
             const std::uint64_t before = tally_[interrupted];
             stream(place, random);
             if (tally_[interrupted] != before)
-                complain("a camera does not stream after it all");
+                complain(std::string("a camera does not stream after it all: ") + why_.load());
             leave(place);
         }
         const std::string left = machine_.finish();
@@ -132,13 +132,14 @@ private:
         ++tally_[streams];
         const std::uint64_t naps = naps_;
         const std::uint32_t height = 48 + 2 * roll(random, 40);
-        const auto giveUp = [&] {
+        const auto giveUp = [&](const char *why) {
             ++tally_[interrupted];
+            why_ = why;
             if (place.handle.cameraStatus() == CameraStreaming)
                 place.handle.status(0);
         };
         if (!ntos::succeeded(place.handle.window(window(0, 0, 64, static_cast<std::int32_t>(height)))))
-            return giveUp();
+            return giveUp("its window is refused");
         const std::uint32_t first = machine_.sensor(place.camera).NextFrame + 1;
         const std::uint32_t span = 4 + roll(random, 8);
         std::vector<simbus::LINE_FAULT> faults;
@@ -154,27 +155,30 @@ private:
         const bool held = (sensor.Registers[0x1E] & 0x0100) != 0 && sensor.Running == 0;
         machine_.wire(place.camera);
         if (!ntos::succeeded(place.handle.status(1)) || !held)
-            return giveUp();
+            return giveUp("it does not start, or was left running");
         // A register access may have failed on its way, and the driver does not look: then frames of an old window come
         // first.
         const std::size_t commands = machine_.sensor(place.camera).Model == 3 ? 12 : 10;
         if (machine_.wire(place.camera, true).size() != 2 * commands)
-            return giveUp();
+            return giveUp("a register access failed on its way");
         Bytes buffer(kFrameHeaderSize + 64 * height * 2);
         FRAME_HEADER header{};
         while (header.FrameNumber < span + 3) {
             if (!ntos::succeeded(place.handle.frame(buffer)) || naps != naps_)
-                return giveUp();
+                return giveUp("a frame request failed, or it slept");
             std::memcpy(&header, buffer.data(), sizeof header);
             ++tally_[frames];
         }
-        if (header.BitsPerPixel != machine_.sensor(place.camera).BitsPerPixel)
-            return giveUp(); // the same with the depth
+        // The same with the depth. The driver is asked: the last header may have been refilled while it was copied.
+        std::uint32_t bits = 0;
+        if (!ntos::succeeded(place.handle.get(IOCTL_GetBitsPerPixel, bits)) ||
+            bits != machine_.sensor(place.camera).BitsPerPixel)
+            return giveUp("its depth is another");
         const NtStatus stopped = place.handle.status(0);
         const NtStatus told = place.handle.get(IOCTL_GetState, state);
         machine_.bay.setLineFaults(place.camera.slot, {}).value();
         if (naps != naps_ || !ntos::succeeded(stopped) || !ntos::succeeded(told))
-            return giveUp();
+            return giveUp("it slept, or its stop failed");
         tally_[lost] += faults.size();
         tally_[counted] += state.Resyncs;
         if (state.Resyncs != faults.size())
@@ -276,6 +280,7 @@ private:
 
     Rig machine_;
     std::atomic<std::uint64_t> tally_[kCounts] = {};
+    std::atomic<const char *> why_{""}; // the last stream was interrupted
     std::uint64_t seed_;
     std::mutex plugging_;
     std::atomic<bool> over_{false};
